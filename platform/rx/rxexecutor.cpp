@@ -1,0 +1,226 @@
+#include "rx/rxexecutor.h"
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <shared_mutex>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include "rx/rxlog.h"
+
+namespace RX {
+
+namespace {
+
+const log::Category& executorLog() {
+  static const log::Category& category = log::category("rx.executor");
+  return category;
+}
+
+// A drain job runs at most this many tasks of its queue before handing the
+// thread back to the pool, so one busy queue cannot starve the others.
+constexpr std::size_t kDrainBatch = 64;
+
+// Pool threads must never see an exception: one escaping a handler would end
+// the process. The task's failure is logged and the queue goes on.
+// `label` names the queue, empty for a task posted to the executor itself.
+void runGuarded(const std::function<void()>& task, const std::string& label) {
+  try {
+    task();
+  } catch (const std::exception& e) {
+    RX_ERROR(executorLog(), "task of " << (label.empty() ? "the executor" : "queue " + label)
+                                       << " failed: " << e.what());
+  } catch (...) {
+    RX_ERROR(executorLog(), "task of " << (label.empty() ? "the executor" : "queue " + label)
+                                       << " failed with an unknown exception");
+  }
+}
+
+// The executor whose job the current thread is running, if any: joining the
+// pool from one of its own jobs would wait for that job forever.
+thread_local const void* tRunningPool = nullptr;
+
+class RunningOn {
+ public:
+  explicit RunningOn(const void* pool) : previous_(tRunningPool) { tRunningPool = pool; }
+  ~RunningOn() { tRunningPool = previous_; }
+  RunningOn(const RunningOn&) = delete;
+  RunningOn& operator=(const RunningOn&) = delete;
+
+ private:
+  const void* previous_;
+};
+
+}  // namespace
+
+// ---- RXExecutor ----
+
+struct RXExecutor::Impl {
+  explicit Impl(unsigned int threads) : pool(threads) {}
+
+  boost::asio::thread_pool pool;
+  // Posters hold it shared from their "still accepting?" check until their
+  // job is in the pool; shutdown takes it exclusively to stop accepting. So
+  // once shutdown has flipped `accepting`, every accepted task already has a
+  // job in the pool and join() waits for it.
+  std::shared_mutex gate;
+  bool accepting = true;  // guarded by gate
+  // Serialises shutdown() callers; the second one waits for the first's join.
+  std::mutex joinMutex;
+  bool joined = false;  // guarded by joinMutex
+};
+
+RXExecutor::RXExecutor(unsigned int threads)
+    : impl_(std::make_unique<Impl>(std::max(2u, threads))), threads_(std::max(2u, threads)) {}
+
+RXExecutor::~RXExecutor() { shutdown(); }
+
+void RXExecutor::post(std::function<void()> task) {
+  std::shared_lock<std::shared_mutex> gate(impl_->gate);
+  if (!impl_->accepting) throw ExecutorStoppedError("executor stopped: task refused");
+  boost::asio::post(impl_->pool, [task = std::move(task), pool = impl_.get()] {
+    RunningOn running(pool);
+    runGuarded(task, std::string());
+  });
+}
+
+std::shared_ptr<SerialQueue> RXExecutor::makeQueue(const std::string& label, std::size_t capacity) {
+  // SerialQueue's constructor is private to us; this local class inherits our
+  // access so that make_shared can build it.
+  struct Constructible : SerialQueue {
+    Constructible(std::weak_ptr<RXExecutor> e, std::string l, std::size_t c)
+        : SerialQueue(std::move(e), std::move(l), c) {}
+  };
+  return std::make_shared<Constructible>(weak_from_this(), label, capacity);
+}
+
+void RXExecutor::shutdown() {
+  // A clear failure rather than a pool that never finishes joining.
+  if (tRunningPool == impl_.get())
+    throw std::logic_error("RXExecutor::shutdown called from one of the executor's own threads");
+  {
+    std::unique_lock<std::shared_mutex> gate(impl_->gate);
+    impl_->accepting = false;
+    stopped_.store(true);
+  }
+  std::lock_guard<std::mutex> lock(impl_->joinMutex);
+  if (impl_->joined) return;
+  // Without a prior stop(), join() returns only once the pool has no work
+  // left: pending tasks, including re-posted drain jobs, all run.
+  impl_->pool.join();
+  impl_->joined = true;
+}
+
+// ---- SerialQueue ----
+
+struct SerialQueue::State {
+  // Valid whenever a drain job runs: the pool outlives its own jobs.
+  RXExecutor::Impl* pool = nullptr;
+
+  // Guarded by mutex.
+  mutable std::mutex mutex;
+  std::deque<std::function<void()>> tasks;
+  bool scheduled = false;  // a drain job is in the pool or running
+  bool closed = false;
+  std::chrono::steady_clock::time_point lastDropLog{};
+  bool droppedBefore = false;
+};
+
+SerialQueue::SerialQueue(std::weak_ptr<RXExecutor> executor, std::string label, std::size_t capacity)
+    : executor_(std::move(executor)),
+      label_(std::move(label)),
+      capacity_(std::max<std::size_t>(1, capacity)),
+      state_(std::make_unique<State>()) {
+  if (auto e = executor_.lock()) state_->pool = e->impl_.get();
+}
+
+void SerialQueue::post(std::function<void()> task) {
+  std::shared_ptr<RXExecutor> executor = executor_.lock();
+  if (!executor) throw ExecutorStoppedError("executor stopped: queue " + label_ + " refuses the call");
+  RXExecutor::Impl& impl = *executor->impl_;
+
+  std::function<void()> droppedTask;  // destroyed outside every lock
+  bool logDrop = false;
+  {
+    std::shared_lock<std::shared_mutex> gate(impl.gate);
+    if (!impl.accepting) throw ExecutorStoppedError("executor stopped: queue " + label_ + " refuses the call");
+    bool schedule = false;
+    {
+      std::lock_guard<std::mutex> lock(state_->mutex);
+      if (state_->closed) throw ExecutorStoppedError("queue " + label_ + " is closed");
+      if (state_->tasks.size() >= capacity_.load()) {
+        // Only the newest call is sure to be worth running for a slow target
+        // (notifications carry the latest value), so the oldest one goes.
+        droppedTask = std::move(state_->tasks.front());
+        state_->tasks.pop_front();
+        dropped_.fetch_add(1);
+        auto now = std::chrono::steady_clock::now();
+        if (!state_->droppedBefore || now - state_->lastDropLog >= std::chrono::seconds(1)) {
+          state_->droppedBefore = true;
+          state_->lastDropLog = now;
+          logDrop = true;
+        }
+      }
+      state_->tasks.push_back(std::move(task));
+      if (!state_->scheduled) {
+        state_->scheduled = true;
+        schedule = true;
+      }
+    }
+    if (schedule) boost::asio::post(impl.pool, [self = shared_from_this()] { self->runSome(); });
+  }
+  if (logDrop) RX_WARNING(executorLog(), "queue " << label_ << " full: dropped " << dropped_.load() << " pending calls");
+}
+
+void SerialQueue::runSome() {
+  RunningOn running(state_->pool);
+  for (std::size_t n = 0; n < kDrainBatch; ++n) {
+    std::function<void()> task;
+    {
+      std::lock_guard<std::mutex> lock(state_->mutex);
+      if (state_->tasks.empty()) {
+        state_->scheduled = false;
+        return;
+      }
+      task = std::move(state_->tasks.front());
+      state_->tasks.pop_front();
+    }
+    runGuarded(task, label_);
+    executed_.fetch_add(1);
+  }
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    if (state_->tasks.empty()) {
+      state_->scheduled = false;
+      return;
+    }
+  }
+  // More remain: go to the back of the pool's line. This job is still
+  // outstanding work, so the pool cannot have been joined in between.
+  boost::asio::post(state_->pool->pool, [self = shared_from_this()] { self->runSome(); });
+}
+
+void SerialQueue::close() {
+  std::deque<std::function<void()>> droppedTasks;  // destroyed outside the lock
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->closed = true;
+  droppedTasks.swap(state_->tasks);
+}
+
+bool SerialQueue::isClosed() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->closed;
+}
+
+void SerialQueue::setCapacity(std::size_t capacity) { capacity_.store(std::max<std::size_t>(1, capacity)); }
+
+std::size_t SerialQueue::pending() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->tasks.size();
+}
+
+}  // namespace RX

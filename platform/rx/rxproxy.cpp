@@ -1,0 +1,38 @@
+#include "rx/rxproxy.h"
+
+#include <stdexcept>
+
+namespace RX {
+
+RXProxy::RXProxy(std::string moduleName, mz::AnyObject object)
+    : moduleName_(std::move(moduleName)), object_(std::move(object)) {}
+
+mz::AnyValue RXProxy::genericCall(const std::string& method, const mz::GenericFunctionParameters& params) {
+  return object_.call(method, params);
+}
+
+mz::AnyValue RXProxy::callById(unsigned int uid, const mz::GenericFunctionParameters& params) {
+  if (!object_.impl()) throw std::runtime_error("This object is null");
+  return object_.impl()->metaCallById(uid, params);
+}
+
+unsigned int RXProxy::resolve(const std::string& method, const mz::GenericFunctionParameters& params) const {
+  const mz::MetaObject& meta = object_.metaObject();
+  int uid = meta.resolve(method, params);
+  if (uid >= 0) return static_cast<unsigned int>(uid);
+  if (meta.findMethod(method).empty()) throw mz::MethodNotFoundError(moduleName_ + ": no method named " + method);
+  throw mz::MethodNotFoundError(moduleName_ + ": no method " + method + " accepting " +
+                                mz::MetaObject::describeArguments(params));
+}
+
+void RXProxy::pCallNotify(const std::string& method, const std::string& key, const RXValue& value,
+                          const RXValue& message, std::pair<int, int>* notifyState) {
+  object_.post(method, mz::GenericFunctionParameters{mz::AnyValue(key), mz::AnyValue(value), mz::AnyValue(message)});
+  if (notifyState) ++notifyState->first;
+}
+
+void RXProxy::genericPost(const std::string& method, const mz::GenericFunctionParameters& params) {
+  object_.post(method, params);
+}
+
+}  // namespace RX

@@ -1,0 +1,1 @@
+// The memory module arrives with its own change.
