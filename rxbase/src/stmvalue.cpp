@@ -1,0 +1,199 @@
+#include "stmvalue.h"
+
+#include <exception>
+
+#include <boost/circular_buffer.hpp>
+#include <boost/make_shared.hpp>
+#include <boost/thread/lock_guard.hpp>
+
+#include "rx/rxbroker.h"
+#include "rx/rxerror.h"
+#include "rx/rxlog.h"
+#include "rx/rxproxy.h"
+#include "rxmemorysubscriber.h"
+
+namespace RX {
+
+// The broker hosting the memory, through which subscriber modules are reached.
+// Set once when the module is built, before any cell can notify.
+RXBroker* staticBroker = nullptr;
+
+namespace {
+
+const char* const kModuleName = "RXMemory";
+
+log::Category& cellLog() {
+  static log::Category& category = log::category("RXMemory");
+  return category;
+}
+
+mz::os::timeval now() {
+  mz::os::timeval tv;
+  mz::os::gettimeofday(&tv);
+  return tv;
+}
+
+RXValue valueWithTime(const RXValue& value, const mz::os::timeval& tv) {
+  RXValue entry = RXValue::array(3);
+  entry[0] = value;
+  entry[1] = RXValue(static_cast<int>(tv.tv_sec));
+  entry[2] = RXValue(static_cast<int>(tv.tv_usec));
+  return entry;
+}
+
+}  // namespace
+
+// ---- STMNotifier ----
+
+STMNotifier::STMNotifier() : notifyState(0, 0) {}
+
+STMNotifier::STMNotifier(const std::string& moduleName, const RXValue& message, const std::string& methodName)
+    : moduleName(moduleName), message(message), methodName(methodName), notifyState(0, 0) {}
+
+STMNotifier::~STMNotifier() = default;
+
+void STMNotifier::addSubscriber(const std::string& /*name*/, const std::string& newModuleName,
+                                const RXValue& newMessage, const std::string& newMethodName) {
+  moduleName = newModuleName;
+  message = newMessage;
+  methodName = newMethodName;
+}
+
+std::string STMNotifier::getModuleName() const { return moduleName; }
+
+// ---- STMValue ----
+
+STMValue::STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type,
+                   const mz::os::timeval& timestamp)
+    : ptrAccessed(false),
+      value(value),
+      signal(boost::make_shared<RXMemorySubscriber>(memory, name)),
+      type(type),
+      timestamp(timestamp) {}
+
+STMValue::STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type)
+    : ptrAccessed(false), value(value), signal(boost::make_shared<RXMemorySubscriber>(memory, name)), type(type) {}
+
+STMValue::STMValue(RXMemory* memory, const std::string& name)
+    : ptrAccessed(false), signal(boost::make_shared<RXMemorySubscriber>(memory, name)), type(UnknownData) {}
+
+STMValue::~STMValue() = default;
+
+void STMValue::setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp) {
+  boost::lock_guard<boost::recursive_mutex> lock(valueMutex);
+  if (ptrAccessed && newValue.getType() != value.getType()) {
+    // A key created empty by getDataPtr may still receive its first number.
+    const bool firstNumber = !value.isValid() && (newValue.isFloat() || newValue.isInt());
+    if (!firstNumber) {
+      RX_THROW(kModuleName, "setValue",
+               std::string("Can't change the type of the value from ") + RXValue::TypeToString(value.getType()) +
+                   " to " + RXValue::TypeToString(newValue.getType()) +
+                   " because getDataPtr has been called on it.");
+    }
+  }
+  value = newValue;
+  type = newType;
+  timestamp = newTimestamp;
+}
+
+RXValue STMValue::getValueTimeStamp() {
+  boost::lock_guard<boost::recursive_mutex> lock(valueMutex);
+  return valueWithTime(value, timestamp);
+}
+
+void STMValue::pushHistory(const RXValue& newValue) {
+  boost::lock_guard<boost::recursive_mutex> lock(historyMutex);
+  // Only raised keys pay for a ring, allocated once for all its entries.
+  if (!historyRing) historyRing = boost::make_shared<HistoryRing>(kHistoryCapacity);
+  if (!newValue.isValid()) return;
+  // A full ring overwrites its oldest entry.
+  historyRing->push_back(HistoryEntry(now(), newValue));
+}
+
+RXValue STMValue::history() {
+  boost::lock_guard<boost::recursive_mutex> lock(historyMutex);
+  if (!historyRing) return RXValue();
+  RXValue result = RXValue::array();
+  result.arrayReserve(historyRing->size());
+  for (const HistoryEntry& entry : *historyRing) result.arrayPush(valueWithTime(entry.second, entry.first));
+  return result;
+}
+
+void STMValue::setBrokerInstance(boost::shared_ptr<RXBroker> broker) { staticBroker = broker.get(); }
+
+// ---- Subscriptions ----
+
+void STMValue::setNotifier(const std::string& callbackModule, const RXValue& callbackMessage,
+                           const std::string& callbackMethod) {
+  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  // A fresh record: a re-subscription also forgets the cached proxy.
+  notifiers[callbackModule] = STMNotifier(callbackModule, callbackMessage, callbackMethod);
+}
+
+void STMValue::unsubscribeNotifier(const std::string& moduleName, const std::string& keyName) {
+  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  if (notifiers.erase(moduleName) == 0)
+    RX_THROW(kModuleName, "UnsubscribeToMicroEvent", moduleName + " is not subscribed to " + keyName);
+}
+
+std::vector<std::string> STMValue::getNotifierList() {
+  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  std::vector<std::string> names;
+  names.reserve(notifiers.size());
+  for (const auto& entry : notifiers) names.push_back(entry.first);
+  return names;
+}
+
+void STMValue::notify(const std::string& name, const RXValue& newValue) {
+  signal->signal.bounceEvent(newValue);
+
+  // Modules not resolved yet are looked up without holding the notifier lock:
+  // a broker look-up may be slow, and subscribing must not wait for it.
+  std::map<std::string, boost::shared_ptr<RXProxy>> resolvedProxies;
+  {
+    boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+    for (const auto& entry : notifiers)
+      if (!entry.second.proxy) resolvedProxies.emplace(entry.second.moduleName, boost::shared_ptr<RXProxy>());
+  }
+  if (!resolvedProxies.empty()) {
+    for (auto& entry : resolvedProxies) {
+      try {
+        entry.second = staticBroker->getProxy(entry.first, 0);
+      } catch (const std::exception& e) {
+        // The record stays; the module is looked up again at the next raise.
+        RX_VERBOSE(cellLog(), entry.first << " not found, removing module reference:" << e.what());
+      }
+    }
+    boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+    for (const auto& entry : resolvedProxies) {
+      auto record = notifiers.find(entry.first);
+      // Another pass may have resolved it meanwhile, or the module unsubscribed.
+      if (record != notifiers.end() && !record->second.proxy) record->second.proxy = entry.second;
+    }
+  }
+
+  // Posting under the lock keeps subscribe/unsubscribe of this key out until
+  // every subscriber has been posted to.
+  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  for (auto it = notifiers.begin(); it != notifiers.end();) {
+    STMNotifier& record = it->second;
+    if (!record.proxy) {
+      ++it;
+      continue;
+    }
+    RX_VERBOSE(cellLog(), "notifying module: " << record.moduleName << " for datachange for key: " << name);
+    try {
+      const RXValue message(static_cast<const std::string&>(record.message));
+      const std::string method = record.methodName;
+      record.proxy->pCallNotify(method, name, newValue, message, &record.notifyState);
+      ++it;
+    } catch (const std::exception& e) {
+      // The module has gone: this is the only place a subscription is dropped
+      // without an explicit unsubscribe.
+      RX_VERBOSE(cellLog(), record.moduleName << " not found, removing module reference:" << e.what());
+      it = notifiers.erase(it);
+    }
+  }
+}
+
+}  // namespace RX

@@ -1,0 +1,142 @@
+// STMValue: the cell of one memory key: value, storage class, last write time,
+// a ring of its last 50 raised values, description, subscriptions (STMNotifier)
+// and signal object. Shared by handle, so a removed cell lives while held.
+// Thread safety: any member from any thread; each of the three recursive
+// mutexes guards only its own fields.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/circular_buffer_fwd.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+
+#include "mz/os.h"
+#include "rx/rxvalue.h"
+
+class RXMemorySubscriber;
+
+namespace RX {
+
+class RXBroker;
+class RXMemory;
+class RXProxy;
+
+// Storage class of a key. Stored as a 32-bit integer; the values are part of
+// the interface (getType prints them as words).
+enum dataType : int {
+  UnknownData = 0,
+  Data = 1,
+  ShmData = 2,  // named and printed, but nothing creates it
+  Event = 3,
+  MicroEvent = 4,
+};
+
+// One subscription of a module on a key: "when this key is raised, call
+// methodName of moduleName with (key, value, message)". A plain value held by
+// its cell's `notifiers` map and only touched under the cell's notifierMutex.
+class STMNotifier {
+ public:
+  STMNotifier();
+  STMNotifier(const std::string& moduleName, const RXValue& message, const std::string& methodName);
+  ~STMNotifier();
+  STMNotifier(const STMNotifier&) = default;
+  STMNotifier& operator=(const STMNotifier&) = default;
+
+  // Overwrites the module, message and method; the first argument is accepted
+  // and ignored, and the cached proxy and notifyState are kept.
+  void addSubscriber(const std::string& name, const std::string& moduleName, const RXValue& message,
+                     const std::string& methodName);
+  [[nodiscard]] std::string getModuleName() const;
+
+  std::string moduleName;
+  RXValue message;  // sent back as a string value with each notification
+  std::string methodName;
+  // Cached by notification dispatch; empty until the module has been found.
+  boost::shared_ptr<RXProxy> proxy;
+  // Handed by address to RXProxy::pCallNotify; never read here.
+  std::pair<int, int> notifyState;
+};
+
+class STMValue {
+ public:
+  static constexpr std::size_t kHistoryCapacity = 50;
+  using HistoryEntry = std::pair<mz::os::timeval, RXValue>;
+  using HistoryRing = boost::circular_buffer<HistoryEntry>;
+
+  // Every constructor gives the cell its own signal object for (memory, name).
+  STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type,
+           const mz::os::timeval& timestamp);
+  // Leaves the timestamp at zero.
+  STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type);
+  // Invalid value, UnknownData, zero timestamp.
+  STMValue(RXMemory* memory, const std::string& name);
+  ~STMValue();
+  STMValue(const STMValue&) = delete;
+  STMValue& operator=(const STMValue&) = delete;
+
+  // The only writer of value, type and timestamp. Once getDataPtr has handed
+  // out the value's address, the value's kind is frozen: a write of another
+  // kind throws RXError ("setValue") and changes nothing, except the first
+  // number written into a still invalid value. Equal values are written anyway.
+  void setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp);
+  // [value, seconds, microseconds] of the last write.
+  [[nodiscard]] RXValue getValueTimeStamp();
+
+  // Appends (now, value) to the history ring, creating the ring on the first
+  // call; an invalid value creates the ring but is not stored.
+  void pushHistory(const RXValue& newValue);
+  // Invalid when the ring was never created, otherwise an array, oldest first,
+  // of [value, seconds, microseconds].
+  [[nodiscard]] RXValue history();
+
+  [[nodiscard]] const boost::shared_ptr<RXMemorySubscriber>& subscriber() const { return signal; }
+
+  // ---- Subscriptions ----
+  // Adds or wholly replaces the record of callbackModule (its cached proxy is
+  // dropped, so the next notify looks the module up again). Never fails.
+  void setNotifier(const std::string& callbackModule, const RXValue& callbackMessage,
+                   const std::string& callbackMethod);
+  // Throws RXError ("UnsubscribeToMicroEvent") when moduleName has no record.
+  void unsubscribeNotifier(const std::string& moduleName, const std::string& keyName);
+  // Subscribed module names, in byte-wise ascending order.
+  [[nodiscard]] std::vector<std::string> getNotifierList();
+  // Emits value on the key's signal, then posts (name, value, message) to
+  // every subscriber in module-name order without waiting. A subscriber whose
+  // post fails is dropped; one that cannot be found yet is retried next time.
+  // REQUIRES: the key map's lock is not held.
+  void notify(const std::string& name, const RXValue& value);
+
+  // Class-wide broker through which subscriber modules are reached. Only the
+  // raw pointer is kept: the broker outlives the module it hosts.
+  static void setBrokerInstance(boost::shared_ptr<RXBroker> broker);
+
+ private:
+  friend class RXMemory;
+
+  // Guarded by valueMutex (ptrAccessed and value come first to keep the cell small).
+  bool ptrAccessed;  // set for good once getDataPtr handed out the value's address
+  RXValue value;
+  // Guarded by notifierMutex.
+  std::map<std::string, STMNotifier> notifiers;
+  // Constant after construction.
+  boost::shared_ptr<RXMemorySubscriber> signal;
+
+  boost::recursive_mutex valueMutex;
+  boost::recursive_mutex historyMutex;
+  boost::recursive_mutex notifierMutex;
+
+  // Guarded by valueMutex.
+  dataType type;
+  mz::os::timeval timestamp;
+  // Guarded by the owning RXMemory's keyMapMutex, not by a cell lock.
+  std::string description;
+  // Guarded by historyMutex; empty until the first pushHistory.
+  boost::shared_ptr<HistoryRing> historyRing;
+};
+
+}  // namespace RX
