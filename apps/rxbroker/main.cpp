@@ -1,16 +1,21 @@
-// rxbroker: the broker process. Creates a broker, loads module libraries with
-// dlopen and their _createModule entry point, and runs until SIGINT/SIGTERM.
+// rxbroker: the broker process. Loads module libraries (the memory by default)
+// with dlopen and their _createModule entry point, makes the modules reachable
+// over the network, and runs until SIGINT or SIGTERM.
 #include <dlfcn.h>
 #include <signal.h>
 
-#include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include "mz/datapath.h"
+#include "net/httpstatusserver.h"
+#include "net/server.h"
 #include "rx/rxbroker.h"
 #include "rx/rxlog.h"
 
@@ -18,52 +23,73 @@ namespace {
 
 using CreateModuleFn = int (*)(boost::shared_ptr<RX::RXBroker>);
 
-void usage(std::ostream& os) {
-  os << "usage: rxbroker [--module PATH]...\n"
-        "  Starts a broker and loads the memory module (" RX_DEFAULT_MODULE ")\n"
-        "  and every module library given with --module.\n"
-        "  Logging: RX_LOG=category=level,... (levels: error, warning, info, verbose).\n";
-}
-
-// Loads one module library; returns false (having said why) when it cannot.
-bool loadModule(const std::string& path, const boost::shared_ptr<RX::RXBroker>& broker,
-                std::vector<void*>& handles) {
+// Loads one module library. Returns an error text, empty on success.
+std::string loadModule(const std::string& path, const boost::shared_ptr<RX::RXBroker>& broker) {
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
-  if (!handle) {
-    std::cerr << "rxbroker: cannot load " << path << ": " << dlerror() << "\n";
-    return false;
-  }
+  if (!handle) return std::string("cannot load ") + dlerror();
   auto create = reinterpret_cast<CreateModuleFn>(dlsym(handle, "_createModule"));
   if (!create) {
-    std::cerr << "rxbroker: " << path << " has no _createModule entry point\n";
     dlclose(handle);
-    return false;
+    return "cannot load " + path + ": it has no _createModule entry point";
   }
   try {
     create(broker);
   } catch (const std::exception& e) {
-    std::cerr << "rxbroker: _createModule of " << path << " failed: " << e.what() << "\n";
-    return false;
+    return "_createModule of " + path + " failed: " + e.what();
   }
-  handles.push_back(handle);
-  return true;
+  // The library stays loaded until exit: objects it created may be released
+  // late, by static destructors.
+  return std::string();
+}
+
+int fail(const std::string& message) {
+  std::cerr << "rxbroker: " << message << "\n";
+  return 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> modules{RX_DEFAULT_MODULE};
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--module" && i + 1 < argc) {
-      modules.push_back(argv[++i]);
-    } else if (arg == "--help" || arg == "-h") {
-      usage(std::cout);
-      return 0;
-    } else {
-      std::cerr << "rxbroker: unknown argument '" << arg << "'\n";
-      usage(std::cerr);
-      return 2;
+  std::vector<std::string> modules;
+  std::vector<std::string> listen;
+  std::vector<std::string> dataPaths;
+  std::vector<std::string> logs;
+  std::string http = "127.0.0.1:9781";
+  bool noHttp = false;
+  unsigned int threads = 2;
+  std::size_t queueCapacity = 10000;
+
+  CLI::App app{"rxbroker: hosts RXMemory and other modules and serves them to every process of the robot."};
+  app.add_option("--module", modules,
+                 "Module library to load after the memory (repeatable). The memory is " RX_DEFAULT_MODULE);
+  app.add_option("--listen", listen,
+                 "Endpoint to listen on, tcp://HOST:PORT or unix:///path (repeatable; default "
+                 "tcp://127.0.0.1:9780)");
+  app.add_option("--data-path", dataPaths, "Directory searched first for data files (repeatable)");
+  app.add_option("--log", logs, "Log threshold CATEGORY=LEVEL, e.g. rxmemory=verbose or '*=warning' (repeatable)");
+  app.add_option("--http", http, "Address and port of the HTTP status pages (default 127.0.0.1:9781)");
+  app.add_flag("--no-http", noHttp, "Serve no HTTP status pages");
+  app.add_option("--threads", threads, "Threads running posted calls (notifications)")->check(CLI::Range(2, 64));
+  app.add_option("--queue-capacity", queueCapacity, "Pending notifications kept per subscriber module")
+      ->check(CLI::Range(1, 100000000));
+  CLI11_PARSE(app, argc, argv);
+
+  for (const std::string& spec : logs)
+    if (!RX::log::applySpec(spec)) return fail("bad --log '" + spec + "': expected CATEGORY=LEVEL");
+  for (const std::string& dir : dataPaths) mz::path::addDataDirectory(dir);
+  if (listen.empty()) listen.push_back("tcp://127.0.0.1:9780");
+  std::string httpHost;
+  int httpPort = 0;
+  if (!noHttp) {
+    std::size_t colon = http.rfind(':');
+    try {
+      if (colon == std::string::npos || colon == 0) throw std::invalid_argument(http);
+      httpHost = http.substr(0, colon);
+      std::size_t used = 0;
+      httpPort = std::stoi(http.substr(colon + 1), &used);
+      if (used != http.size() - colon - 1 || httpPort < 0 || httpPort > 65535) throw std::invalid_argument(http);
+    } catch (const std::exception&) {
+      return fail("bad --http '" + http + "': expected ADDRESS:PORT, e.g. 127.0.0.1:9781");
     }
   }
 
@@ -74,26 +100,52 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  boost::shared_ptr<RX::RXBroker> broker = RX::RXBroker::create("rxbroker");
-  std::vector<void*> handles;
+  RX::RXBroker::Options options;
+  options.threads = threads;
+  options.queueCapacity = queueCapacity;
+  boost::shared_ptr<RX::RXBroker> broker = RX::RXBroker::create("rxbroker", options);
+
+  modules.insert(modules.begin(), RX_DEFAULT_MODULE);
   for (const std::string& path : modules) {
-    if (!loadModule(path, broker, handles)) {
+    std::string error = loadModule(path, broker);
+    if (!error.empty()) {
       broker->shutdown();
-      return 1;
+      return fail(error);
     }
   }
-  std::cout << "rxbroker: running with modules:";
+
+  std::unique_ptr<net::Server> server;
+  std::unique_ptr<net::HttpStatusServer> pages;
+  try {
+    server = std::make_unique<net::Server>(broker, listen);
+    server->start();
+    if (!noHttp) {
+      pages = std::make_unique<net::HttpStatusServer>(broker, httpHost, httpPort);
+      pages->start();
+    }
+  } catch (const std::exception& e) {
+    if (server) server->stop();
+    broker->shutdown();
+    return fail(e.what());
+  }
+
+  std::cout << "rxbroker: modules:";
   for (const std::string& name : broker->moduleNames()) std::cout << " " << name;
-  std::cout << "\nrxbroker: no network transport yet: the modules serve only this process. "
-               "Press Ctrl-C to stop.\n"
-            << std::flush;
+  std::cout << "\n";
+  for (const std::string& endpoint : server->endpoints()) std::cout << "rxbroker: listening on " << endpoint << "\n";
+  if (pages) std::cout << "rxbroker: status pages on " << pages->url() << "/RXMemory\n";
+  std::cout << "rxbroker: press Ctrl-C to stop" << std::endl;
 
   int received = 0;
   sigwait(&stopSignals, &received);
-  std::cout << "rxbroker: " << strsignal(received) << ", stopping\n" << std::flush;
+  std::cout << "rxbroker: " << strsignal(received) << ", stopping" << std::endl;
+  // No new calls from other processes, then the posted calls drain and the
+  // modules leave in reverse order of loading.
+  if (pages) pages->stop();
+  server->stop();
   broker->shutdown();
+  pages.reset();
+  server.reset();
   broker.reset();
-  // Libraries stay loaded until exit: objects they created may still be
-  // released by static destructors.
   return 0;
 }

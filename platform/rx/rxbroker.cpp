@@ -138,6 +138,10 @@ void RXBroker::shutdown() {
     shutDown_ = true;
     modules = modules_;
   }
+  // Calls already posted (notifications in flight) reach modules that are
+  // still whole; a subscriber that never finishes cannot hold the stop forever.
+  if (!executor_->drain(std::chrono::seconds(10)))
+    RX_WARNING(brokerLog(), "broker " << name_ << ": posted calls still pending after 10 s; stopping anyway");
   // Later modules may depend on earlier ones (the memory is loaded first), so
   // they leave first. The local copies keep every module alive until the
   // executor has finished the calls that are already running.

@@ -6,7 +6,7 @@
 //   auto broker = RX::RXBroker::create("rxbroker");
 //   boost::shared_ptr<RX::RXProxy> p = broker->getProxy("RXMemory");
 //   ...
-//   broker->shutdown();   // modules exit in reverse order, posted calls drain
+//   broker->shutdown();   // posted calls drain, modules exit in reverse order
 //
 // Thread safety: every member may be called from any thread.
 #pragma once
@@ -81,8 +81,9 @@ class RXBroker : public boost::enable_shared_from_this<RXBroker> {
   // Notifications dropped because a module's queue was full, by module.
   std::map<std::string, uint64_t> droppedCounts() const;
 
-  // Stops the broker: modules exit in reverse order of registration, the
-  // executor drains its pending calls and joins, the modules are released.
+  // Stops the broker: pending posted calls run (for at most 10 s), modules
+  // exit in reverse order of registration, the executor joins, the modules
+  // are released.
   // Idempotent; must not be called from an executor thread.
   void shutdown();
   bool isShutDown() const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <shared_mutex>
 #include <utility>
@@ -72,6 +73,21 @@ struct RXExecutor::Impl {
   // Serialises shutdown() callers; the second one waits for the first's join.
   std::mutex joinMutex;
   bool joined = false;  // guarded by joinMutex
+
+  // Accepted tasks not yet run or dropped, for drain().
+  std::mutex idleMutex;
+  std::condition_variable idle;
+  int64_t outstanding = 0;  // guarded by idleMutex
+
+  void added(int64_t n) {
+    std::lock_guard<std::mutex> lock(idleMutex);
+    outstanding += n;
+  }
+  void finished(int64_t n) {
+    std::lock_guard<std::mutex> lock(idleMutex);
+    outstanding -= n;
+    if (outstanding <= 0) idle.notify_all();
+  }
 };
 
 RXExecutor::RXExecutor(unsigned int threads)
@@ -82,10 +98,19 @@ RXExecutor::~RXExecutor() { shutdown(); }
 void RXExecutor::post(std::function<void()> task) {
   std::shared_lock<std::shared_mutex> gate(impl_->gate);
   if (!impl_->accepting) throw ExecutorStoppedError("executor stopped: task refused");
+  impl_->added(1);
   boost::asio::post(impl_->pool, [task = std::move(task), pool = impl_.get()] {
     RunningOn running(pool);
     runGuarded(task, std::string());
+    pool->finished(1);
   });
+}
+
+bool RXExecutor::drain(std::chrono::milliseconds timeout) {
+  if (tRunningPool == impl_.get())
+    throw std::logic_error("RXExecutor::drain called from one of the executor's own threads");
+  std::unique_lock<std::mutex> lock(impl_->idleMutex);
+  return impl_->idle.wait_for(lock, timeout, [&] { return impl_->outstanding <= 0; });
 }
 
 std::shared_ptr<SerialQueue> RXExecutor::makeQueue(const std::string& label, std::size_t capacity) {
@@ -158,6 +183,7 @@ void SerialQueue::post(std::function<void()> task) {
         droppedTask = std::move(state_->tasks.front());
         state_->tasks.pop_front();
         dropped_.fetch_add(1);
+        impl.finished(1);
         auto now = std::chrono::steady_clock::now();
         if (!state_->droppedBefore || now - state_->lastDropLog >= std::chrono::seconds(1)) {
           state_->droppedBefore = true;
@@ -166,6 +192,7 @@ void SerialQueue::post(std::function<void()> task) {
         }
       }
       state_->tasks.push_back(std::move(task));
+      impl.added(1);
       if (!state_->scheduled) {
         state_->scheduled = true;
         schedule = true;
@@ -191,6 +218,7 @@ void SerialQueue::runSome() {
     }
     runGuarded(task, label_);
     executed_.fetch_add(1);
+    state_->pool->finished(1);
   }
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
@@ -206,9 +234,14 @@ void SerialQueue::runSome() {
 
 void SerialQueue::close() {
   std::deque<std::function<void()>> droppedTasks;  // destroyed outside the lock
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->closed = true;
-  droppedTasks.swap(state_->tasks);
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->closed = true;
+    droppedTasks.swap(state_->tasks);
+  }
+  if (droppedTasks.empty()) return;
+  if (std::shared_ptr<RXExecutor> executor = executor_.lock())
+    executor->impl_->finished(static_cast<int64_t>(droppedTasks.size()));
 }
 
 bool SerialQueue::isClosed() const {

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,6 +44,9 @@ class RXExecutor : public std::enable_shared_from_this<RXExecutor> {
   // A new serial queue named `label` (used in the drop log line).
   // REQUIRES: the executor is owned by a std::shared_ptr.
   std::shared_ptr<SerialQueue> makeQueue(const std::string& label, std::size_t capacity = kDefaultQueueCapacity);
+  // Waits until every accepted task has run or been dropped (tasks posted
+  // meanwhile included); false when the time ran out. Not from a pool thread.
+  bool drain(std::chrono::milliseconds timeout);
   // Drains and joins; idempotent. Throws std::logic_error when called from
   // one of the pool's own threads (it would wait for itself).
   void shutdown();

@@ -355,3 +355,26 @@ TEST(RXBroker, ShutdownExitsModulesInReverseOrderAndReleasesThem) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(RXBroker, ShutdownDeliversPendingPostsBeforeModulesExit) {
+  auto broker = RX::RXBroker::create("b");
+  auto received = std::make_shared<Received>();
+  auto latch = std::make_shared<Latch>();
+  auto sink = boost::make_shared<Sink>(broker, "Sink", received, latch);
+  sink->initModule();
+  boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Sink");
+  // Hold the module's queue so that the notifications are still pending when
+  // the stop begins.
+  p->genericPost("block", {});
+  ASSERT_EQ(std::future_status::ready, latch->started.get_future().wait_for(kWait));
+  for (int i = 0; i < 100; ++i) p->pCallNotify("onEvent", "k", RXValue(i), RXValue("m"), nullptr);
+  std::thread stopper([broker] { broker->shutdown(); });
+  latch->release.set_value();
+  stopper.join();
+  ASSERT_EQ(100u, received->values().size()) << "shutdown dropped pending notifications";
+  EXPECT_EQ(99, received->values().back());
+}
+
+}  // namespace

@@ -1,0 +1,209 @@
+#include "net/connection.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "mz/object.h"
+
+namespace net {
+
+namespace {
+
+std::int64_t nowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+std::string errnoText(int err) { return std::strerror(err); }
+
+timeval toTimeval(std::chrono::milliseconds t) {
+  timeval tv{};
+  tv.tv_sec = static_cast<time_t>(t.count() / 1000);
+  tv.tv_usec = static_cast<suseconds_t>((t.count() % 1000) * 1000);
+  return tv;
+}
+
+// Connects one socket of `family` to `addr` within `timeout`; returns the
+// descriptor, or -1 with `error` set.
+int connectOne(int family, const sockaddr* addr, socklen_t len, std::chrono::milliseconds timeout,
+               std::string& error) {
+  const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
+    error = errnoText(errno);
+    return -1;
+  }
+  int rc = ::connect(fd, addr, len);
+  if (rc < 0 && errno == EINPROGRESS) {
+    pollfd p{fd, POLLOUT, 0};
+    const int timeoutMs = timeout.count() > 0 ? static_cast<int>(timeout.count()) : -1;
+    do {
+      rc = ::poll(&p, 1, timeoutMs);
+    } while (rc < 0 && errno == EINTR);
+    if (rc == 0) {
+      ::close(fd);
+      error = "no answer within " + std::to_string(timeout.count()) + " ms";
+      return -1;
+    }
+    int soError = 0;
+    socklen_t soLen = sizeof soError;
+    if (rc < 0 || ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &soLen) < 0) soError = errno;
+    if (soError != 0) {
+      ::close(fd);
+      error = errnoText(soError);
+      return -1;
+    }
+  } else if (rc < 0) {
+    error = errnoText(errno);
+    ::close(fd);
+    return -1;
+  }
+  // Back to blocking mode: every later read and write blocks its own thread.
+  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  if (family != AF_UNIX) {
+    // Requests and replies are small: send them at once rather than batch them.
+    int one = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  }
+  return fd;
+}
+
+}  // namespace
+
+Connection::Connection(int fd, std::string description, const Limits& limits)
+    : fd_(fd),
+      description_(std::move(description)),
+      limits_(limits),
+      lastReceiveNs_(nowNs()),
+      decoder_(limits, [this](std::uint64_t id) -> mz::AnyObject {
+        if (!objectDecoder_)
+          throw DecodeError("object reference " + std::to_string(id) + " not expected here");
+        return objectDecoder_(id);
+      }) {}
+
+Connection::~Connection() { ::close(fd_); }
+
+std::shared_ptr<Connection> Connection::connect(const Endpoint& endpoint, std::chrono::milliseconds timeout,
+                                                const Limits& limits) {
+  const std::string name = endpoint.toString();
+  std::string error;
+  int fd = -1;
+  if (endpoint.kind == Endpoint::Kind::Unix) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, endpoint.path.c_str(), endpoint.path.size() + 1);
+    fd = connectOne(AF_UNIX, reinterpret_cast<const sockaddr*>(&addr), sizeof addr, timeout, error);
+  } else {
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::resolver resolver(io);
+    boost::system::error_code ec;
+    auto results = resolver.resolve(endpoint.host, std::to_string(endpoint.port),
+                                    boost::asio::ip::tcp::resolver::numeric_service, ec);
+    if (ec) throw RemoteError("cannot connect to " + name + ": " + ec.message());
+    for (const auto& entry : results) {
+      const auto ep = entry.endpoint();
+      fd = connectOne(ep.protocol().family(), ep.data(), static_cast<socklen_t>(ep.size()), timeout, error);
+      if (fd >= 0) break;
+    }
+    if (fd < 0 && error.empty()) error = "the host has no address";
+  }
+  if (fd < 0) throw RemoteError("cannot connect to " + name + ": " + error);
+  return std::make_shared<Connection>(fd, name, limits);
+}
+
+void Connection::setObjectDecoder(ObjectDecoder decoder) { objectDecoder_ = std::move(decoder); }
+
+void Connection::setReadTimeout(std::chrono::milliseconds timeout) {
+  const timeval tv = toTimeval(timeout);
+  ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
+
+void Connection::setWriteTimeout(std::chrono::milliseconds timeout) {
+  const timeval tv = toTimeval(timeout);
+  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+}
+
+void Connection::send(const Message& message, const ObjectEncoder& objects) {
+  // One encoding buffer per thread: no allocation once it has grown to the
+  // usual frame size.
+  thread_local std::string buffer;
+  buffer.clear();
+  encodeFrame(message, buffer, objects, limits_.maxFrameBytes);
+  sendFrames(buffer);
+  if (buffer.capacity() > (1u << 20)) std::string().swap(buffer);
+}
+
+void Connection::sendFrames(std::string_view frames) {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  writeAll(frames.data(), frames.size());
+}
+
+// REQUIRES: writeMutex_ held.
+void Connection::writeAll(const char* data, std::size_t size) {
+  if (isClosed()) throw RemoteError("connection to " + description_ + " is closed");
+  while (size > 0) {
+    const ssize_t n = ::send(fd_, data, size, MSG_NOSIGNAL);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      // A frame cut short leaves the stream out of sync: the connection is done.
+      close();
+      if (err == EAGAIN || err == EWOULDBLOCK)
+        throw RemoteError("connection to " + description_ + " closed: the other side stopped reading");
+      throw RemoteError("connection to " + description_ + " lost: " + errnoText(err));
+    }
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+}
+
+Connection::ReadStatus Connection::read(Message& out) {
+  constexpr std::size_t kChunk = 64 * 1024;
+  for (;;) {
+    try {
+      if (auto message = decoder_.next()) {
+        out = std::move(*message);
+        return ReadStatus::Message;
+      }
+    } catch (const DecodeError& e) {
+      lastError_ = e;
+      return e.fatal() ? ReadStatus::OutOfSync : ReadStatus::BadFrame;
+    }
+    if (isClosed()) return ReadStatus::Closed;
+    char* room = decoder_.prepare(kChunk);
+    const ssize_t n = ::recv(fd_, room, kChunk, 0);
+    if (n > 0) {
+      decoder_.commit(static_cast<std::size_t>(n));
+      lastReceiveNs_.store(nowNs(), std::memory_order_relaxed);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && !isClosed()) return ReadStatus::TimedOut;
+    return ReadStatus::Closed;
+  }
+}
+
+void Connection::close() {
+  if (closed_.exchange(true, std::memory_order_acq_rel)) return;
+  // shutdown, not close: the descriptor stays ours until destruction, so a
+  // thread still blocked on it is woken and cannot meet a reused number.
+  ::shutdown(fd_, SHUT_RDWR);
+}
+
+std::chrono::steady_clock::time_point Connection::lastReceive() const {
+  return std::chrono::steady_clock::time_point(
+      std::chrono::nanoseconds(lastReceiveNs_.load(std::memory_order_relaxed)));
+}
+
+}  // namespace net

@@ -1,0 +1,99 @@
+// net::RemoteObject: a handle on an object of the other side of a connection
+// (a client's service seen from the broker, a broker module or the key signal
+// object of a subscriber(key) call seen from a client). Calls wait for the
+// reply on the calling thread; posts return at once; signals are followed
+// through link messages. Its catalogue comes with the reference when the
+// other side sent it (service lookup, registration), else it is asked for on
+// first use of metaObject(). Dropping the last handle sends Release.
+//
+// A handle obtained by service name may carry a rebinder: when its connection
+// is gone and a new one is up, it looks the service up again and forwards to
+// the new object, so that proxies kept across a broker restart keep working.
+//
+// Thread safety: every member may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "mz/object.h"
+
+namespace net {
+
+class ObjectBridge;
+
+class RemoteObject : public mz::GenericObject {
+ public:
+  // Looks the object up again on a new connection; returns an empty handle
+  // (or throws) when it cannot.
+  using Rebinder = std::function<mz::AnyObject()>;
+
+  RemoteObject(std::shared_ptr<ObjectBridge> bridge, std::uint64_t id);
+  ~RemoteObject() override;
+
+  std::uint64_t remoteId() const { return id_; }
+  const std::shared_ptr<ObjectBridge>& bridge() const { return bridge_; }
+  // One more reference to this id arrived (the bridge reuses live handles).
+  void addReceived() { received_.fetch_add(1, std::memory_order_relaxed); }
+  // Sets the catalogue sent along with the reference; the first one stays.
+  void setMetaObject(const mz::MetaObject& meta);
+  bool hasMetaObject() const;
+  void setRebinder(Rebinder rebinder);
+  // The name used in errors worded here (a service's name), as a local
+  // object would word them: "Calc: no method named foo".
+  void setDisplayName(const std::string& name);
+
+  // Throws what throwGone() of the bridge throws when the catalogue has to
+  // be fetched and the other side cannot be reached.
+  const mz::MetaObject& metaObject() const override;
+  mz::AnyValue metaCall(const std::string& method, const mz::GenericFunctionParameters& params) override;
+  mz::AnyValue metaCallById(unsigned int uid, const mz::GenericFunctionParameters& params) override;
+  void metaPost(const std::string& method, const mz::GenericFunctionParameters& params) override;
+  mz::Future<mz::SignalLink> metaConnect(const std::string& signal, mz::SignalSubscriber subscriber,
+                                         mz::MetaCallType callType) override;
+  mz::Future<void> metaDisconnect(mz::SignalLink link) override;
+  void metaEmit(const std::string& signal, const mz::GenericFunctionParameters& params) override;
+
+ private:
+  // The object to forward to when this one's connection is gone and a
+  // rebinder found the service again; nullptr while this one is usable.
+  // Throws through the bridge when neither is possible.
+  std::shared_ptr<mz::GenericObject> redirect() const;
+  // The uid of the overload of `method` that takes these arguments, from a
+  // cache keyed by the name and the argument kinds; -1 when the catalogue is
+  // not known or accepts nothing (the other side then resolves by name).
+  int resolveCached(const std::string& method, const mz::GenericFunctionParameters& params);
+  mz::AnyValue call(RX::RXValue method, const mz::GenericFunctionParameters& params);
+  [[noreturn]] void throwNoMethod(const std::string& method,
+                                  const mz::GenericFunctionParameters& params) const;
+
+  // Constant after construction.
+  const std::shared_ptr<ObjectBridge> bridge_;
+  const std::uint64_t id_;
+  std::atomic<std::uint32_t> received_{1};
+
+  // Guarded by metaMutex_; meta_ never changes once haveMeta_ is set, so the
+  // reference metaObject() returns stays valid.
+  mutable std::mutex metaMutex_;
+  mutable bool haveMeta_ = false;
+  mutable mz::MetaObject meta_;
+  mutable std::atomic<bool> metaKnown_{false};  // haveMeta_, readable without the lock
+  std::string displayName_ = "remote object";
+
+  // Guarded by cacheMutex_.
+  std::mutex cacheMutex_;
+  std::unordered_map<std::string, int> uidCache_;
+
+  // Guarded by redirectMutex_.
+  mutable std::mutex redirectMutex_;
+  Rebinder rebinder_;
+  mutable std::shared_ptr<mz::GenericObject> redirect_;
+};
+
+}  // namespace net
