@@ -120,6 +120,9 @@ void HttpStatusServer::start() {
   }
   impl.boundPort = port;
   impl.thread = std::thread([&impl] { impl.server.listen_after_bind(); });
+  // The library's stop() does nothing until its loop runs; waiting here makes
+  // a stop that follows right after start() effective instead of hanging.
+  while (!impl.server.is_running()) std::this_thread::yield();
   RX_INFO(httpLog(), "status pages on " << url());
 }
 

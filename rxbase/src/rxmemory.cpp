@@ -1,18 +1,27 @@
 #include "rxmemory.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <exception>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 
 #include <boost/make_shared.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
 
+#include "mz/datapath.h"
 #include "mz/os.h"
+#include "mz/session.h"
+#include "rx/rttime.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
+#include "rx/rxfunctor.h"
 #include "rx/rxlog.h"
+#include "rx/rxmemoryproxy.h"
 #include "rx/rxproxy.h"
 #include "rxmemorysubscriber.h"
 
@@ -38,6 +47,23 @@ using CellLock = boost::lock_guard<boost::recursive_mutex>;
 // Keys of the behaviour layer change too often to be worth reporting.
 bool isBehaviorKey(const std::string& name) { return name.compare(0, 9, "_Behavior") == 0; }
 
+// The service's object from the broker's session; false when it cannot be had
+// (no broker or session, service not registered, failed or cancelled look-up).
+bool lookUpService(const boost::shared_ptr<RXBroker>& broker, const std::string& service,
+                   mz::AnyObject& object) {
+  if (!broker || !broker->session()) return false;
+  try {
+    object = broker->session()->service(service).value();
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
 mz::os::timeval now() {
   mz::os::timeval tv;
   mz::os::gettimeofday(&tv);
@@ -48,8 +74,49 @@ mz::os::timeval now() {
 
 // ---- Lifecycle ----
 
+// The callbacks of serviceRegistered and of mapped service signals hold this
+// instead of the module: mapped connections are never removed and outlive the
+// module, and a disconnection does not wait for a delivery already under way.
+// run() calls into the module only while it is whole.
+class RXMemory::CallbackGuard {
+ public:
+  explicit CallbackGuard(RXMemory* memory) : memory_(memory) {}
+
+  template <typename F>
+  void run(F&& f) {
+    boost::unique_lock<boost::recursive_mutex> lock(mutex_);
+    RXMemory* memory = memory_;
+    if (!memory) return;
+    if (boost::shared_ptr<RXModule> owner = memory->weak_from_this().lock()) {
+      // Owned and alive: the reference keeps it so for the call, which runs
+      // without the lock, so that deliveries on several threads stay parallel.
+      lock.unlock();
+      f(*memory);
+      return;
+    }
+    // Not owned yet (still being built) or already being destroyed: the call
+    // runs under the lock, for which release() waits, so the module stays
+    // whole until it returns. Recursive: the call may lead to another
+    // delivery on the same thread.
+    f(*memory);
+  }
+
+  // Waits for calls under way on the unowned path; later calls do nothing.
+  void release() {
+    boost::lock_guard<boost::recursive_mutex> lock(mutex_);
+    memory_ = nullptr;
+  }
+
+ private:
+  boost::recursive_mutex mutex_;
+  // Guarded by mutex_; null once the module is going away.
+  RXMemory* memory_;
+};
+
 RXMemory::RXMemory(boost::shared_ptr<RXBroker> broker, const std::string& name)
-    : RXModule(broker, name), serviceRegisteredLink(mz::kInvalidSignalLink) {
+    : RXModule(broker, name),
+      serviceRegisteredLink(mz::kInvalidSignalLink),
+      callbackGuard(std::make_shared<CallbackGuard>(this)) {
   STMValue::setBrokerInstance(broker);
   // Sized up front so that a robot's usual key count never triggers a rehash.
   keyMap.max_load_factor(1.0f);
@@ -57,12 +124,309 @@ RXMemory::RXMemory(boost::shared_ptr<RXBroker> broker, const std::string& name)
   setModuleDescription(
       "RXMemory provides a centralized memory that can be used to store and retrieve named values. It also "
       "acts as a hub for the distribution of event notifications.");
+  publishMethods();
   declareEvent(Memory::keyAddedKey);
   declareEvent(Memory::keyRemovedKey);
   declareEvent(Memory::keyTypeChanged);
+  try {
+    loadSignalEventMapFromFile();
+    {
+      // The mapping operations take this mutex too; it is released before
+      // serviceRegistered is connected.
+      boost::lock_guard<boost::mutex> lock(signalEventMapMutex);
+      for (const auto& entry : signalEventMap) declareEventsFromService(entry.first, entry.second);
+    }
+    std::shared_ptr<CallbackGuard> guard = callbackGuard;
+    serviceRegisteredLink = broker->session()->serviceRegistered.connect(
+        [guard](unsigned int /*serviceId*/, const std::string& serviceName) {
+          guard->run([&](RXMemory& memory) { memory.onServiceRegistered(serviceName); });
+        });
+  } catch (...) {
+    // No destructor runs for a module that failed to build: the connections
+    // already made must find it gone.
+    callbackGuard->release();
+    throw;
+  }
 }
 
-RXMemory::~RXMemory() = default;
+RXMemory::~RXMemory() {
+  // First of all, so that no registration starts against members that are
+  // being destroyed.
+  if (boost::shared_ptr<RXBroker> broker = getParentBroker())
+    if (std::shared_ptr<mz::Session> session = broker->session())
+      session->serviceRegistered.disconnect(serviceRegisteredLink);
+  callbackGuard->release();
+}
+
+// ---- Catalogue ----
+
+// Entries are published in a fixed order, texts included: callers and
+// introspection tools see them as they are. A name published more than once
+// is bound through overload functors (the framework tells the variants apart
+// by their arguments); every other name is advertised with the signature of
+// its member.
+void RXMemory::publishMethods() {
+  functionName("declareEvent", kModuleName, "Declares an event to allow future subscriptions to the event");
+  addParam("eventName", "The name of the event");
+  bindMethodOverload(
+      createFunctor(this, static_cast<void (RXMemory::*)(const std::string&)>(&RXMemory::declareEvent)));
+
+  functionName("declareEvent", kModuleName, "Declares an event to allow future subscriptions to the event");
+  addParam("eventName", "The name of the event");
+  addParam("extractorName", "The name of the extractor capable of creating the event");
+  bindMethodOverload(createFunctor(
+      this,
+      static_cast<void (RXMemory::*)(const std::string&, const std::string&)>(&RXMemory::declareEvent)));
+
+  functionName("getData", kModuleName, "Gets the value of a key-value pair stored in memory");
+  addParam("key", "Name of the value.");
+  setReturn("data", "The data as an RXValue. This can often be cast transparently into the original type.");
+  bindMethodOverload(
+      createFunctor(this, static_cast<RXValue (RXMemory::*)(const std::string&)>(&RXMemory::getData)));
+
+  functionName("getData", kModuleName,
+               "DEPRECATED - Gets the value of a key-value pair stored in memory. Please use the version of "
+               "this method with no second parameter.");
+  addParam("key", "Name of the value.");
+  addParam("deprecatedParameter",
+           "DEPRECATED - This parameter has no effect, but is left for compatibility reason.");
+  setReturn("data", "The data as an RXValue");
+  bindMethodOverload(
+      createFunctor(this, static_cast<RXValue (RXMemory::*)(const std::string&, int)>(&RXMemory::getData)));
+
+  functionName("subscriber", kModuleName,
+               "Get an object wrapping a signal bound to the given RXMemory event. Throw if the event does "
+               "not exist or if it is invalid.");
+  addParam("eventName", "Name of the RXMemory event");
+  setReturn("signalWrapper", "An AnyObject with a signal named \"signal\"");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::subscriber);
+
+  functionName("getTimestamp", kModuleName, "Get data value and timestamp");
+  addParam("key", "Name of the variable");
+  setReturn("keyList", "A list of all the data key names that contain the given string.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getDataTimestamp);
+
+  functionName("getEventHistory", kModuleName, "Get data value and timestamp");
+  addParam("key", "Name of the variable");
+  setReturn("keyList", "A list of all the data key names that contain the given string.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getEventHistory);
+
+  functionName("getDataList", kModuleName, "Gets a list of all key names that contain a given string");
+  addParam("filter", "A string used as the search term");
+  setReturn("keyList", "A list of all the data key names that contain the given string.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getDataList);
+
+  functionName("getDataListName", kModuleName, "Gets the key names for all the key-value pairs in memory");
+  setReturn("list", "A list containing the keys in memory");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getDataListName);
+
+  functionName("getDataOnChange", kModuleName,
+               "DEPRECATED - Blocks the caller until the value of a key changes");
+  addParam("key", "Name of the data.");
+  addParam("deprecatedParameter", "DEPRECATED - this parameter has no effect");
+  setReturn("data", "an array containing all the retrieved data");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getDataOnChange);
+
+  functionName("getDataPtr", kModuleName,
+               "Gets a pointer to 32 a bit data item. Beware, the pointer will only be valid during the "
+               "lifetime of the RXMemory object. Use with care, at initialization, not every loop.",
+               4);
+  addParam("key", "Name of the data.");
+  setReturn("ptr", "A pointer converted to int");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getPtrData);
+
+  functionName("getEventList", kModuleName, "Gets a list containing the names of all the declared events");
+  setReturn("eventNameList", "A list containing the names of all events");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getEventList);
+
+  functionName("getExtractorEvent", kModuleName,
+               "Gets the list of all events generated by a given extractor");
+  addParam("extractorName", "The name of the extractor");
+  setReturn("eventNameList", "A list containing the names of the events associated with the given extractor");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getExtractorEvent);
+
+  functionName("getListData", kModuleName,
+               "Gets the values associated with the given list of keys. This is more efficient than calling "
+               "getData many times, especially over the network.");
+  addParam("keyList", "An array containing the key names.");
+  setReturn("dataList", "An array containing all the values corresponding to the given keys.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getListData);
+
+  functionName("getMicroEventList", kModuleName,
+               "Gets a list containing the names of all the declared micro events");
+  setReturn("microEventNameList", "A list containing the names of all the microEvents");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getMicroEventList);
+
+  functionName("getSubscribers", kModuleName, "Gets a list containing the names of subscribers to an event.");
+  addParam("name", "Name of the event or micro-event");
+  setReturn("subscriberNames", "List of subscriber names");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getDataSubscriber);
+
+  functionName("getType", kModuleName,
+               "Gets the storage class of the stored data. This is not the underlying POD type.");
+  addParam("key", "Name of the variable");
+  setReturn("type", "String type: Data, Event, MicroEvent");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getStrDataType);
+
+  functionName("insertData", kModuleName, "Inserts a key-value pair into memory, where value is an int");
+  addParam("key", "Name of the value to be inserted.");
+  addParam("value", "The int to be inserted");
+  bindMethodOverload(
+      createFunctor(this, static_cast<void (RXMemory::*)(const std::string&, int)>(&RXMemory::insertData)));
+
+  functionName("insertData", kModuleName, "Inserts a key-value pair into memory, where value is a float");
+  addParam("key", "Name of the value to be inserted.");
+  addParam("value", "The float to be inserted");
+  bindMethodOverload(
+      createFunctor(this, static_cast<void (RXMemory::*)(const std::string&, float)>(&RXMemory::insertData)));
+
+  functionName("insertData", kModuleName, "Inserts a key-value pair into memory, where value is a string");
+  addParam("key", "Name of the value to be inserted.");
+  addParam("value", "The string to be inserted");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (RXMemory::*)(const std::string&, const std::string&)>(&RXMemory::insertData)));
+
+  functionName("insertData", kModuleName, "Inserts a key-value pair into memory, where value is an RXValue");
+  addParam("key", "Name of the value to be inserted.");
+  addParam("data",
+           "The RXValue to be inserted. This could contain a basic type, or a more complex array. See the "
+           "RXValue documentation for more information.");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (RXMemory::*)(const std::string&, const RXValue&)>(&RXMemory::insertData)));
+
+  functionName("insertListData", kModuleName, "Inserts a list of key-value pairs into memory.");
+  addParam("list", "An RXValue list of the form [[Key, Value],...]. Each item will be inserted.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::insertListData);
+
+  functionName("raiseEvent", kModuleName, "Publishes the given data to all subscribers.");
+  addParam("name", "Name of the event to raise.");
+  addParam("value",
+           "The data associated with the event. This could contain a basic type, or a more complex array. "
+           "See the RXValue documentation for more information.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::raiseEvent);
+
+  functionName("raiseMicroEvent", kModuleName, "Publishes the given data to all subscribers.");
+  addParam("name", "Name of the event to raise.");
+  addParam("value",
+           "The data associated with the event. This could contain a basic type, or a more complex array. "
+           "See the RXValue documentation for more information.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::raiseMicroEvent);
+
+  functionName("removeData", kModuleName, "Removes a key-value pair from memory");
+  addParam("key", "Name of the data to be removed.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::removeData);
+
+  functionName("removeEvent", kModuleName,
+               "Removes a event from memory and unsubscribes any exiting subscribers.");
+  addParam("name", "Name of the event to remove.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::removeEvent);
+
+  functionName("removeMicroEvent", kModuleName,
+               "Removes a micro event from memory and unsubscribes any exiting subscribers.");
+  addParam("name", "Name of the event to remove.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::removeMicroEvent);
+
+  functionName("subscribeToEvent", kModuleName,
+               "Subscribes to an event and automaticaly launches the module that declared itself as the "
+               "generator of the event if required.");
+  addParam("name", "The name of the event to subscribe to");
+  addParam("callbackModule", "Name of the module to call with notifications");
+  addParam("callbackMethod", "Name of the module's method to call when a data is changed");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (RXMemory::*)(const std::string&, const std::string&, const std::string&)>(
+                &RXMemory::subscribeToEvent)));
+
+  functionName(
+      "subscribeToEvent", kModuleName,
+      "DEPRECATED Subscribes to event and automaticaly launches the module capable of generating the event "
+      "if it is not already running. Please use the version without the callbackMessage parameter.");
+  addParam("name", "The name of the event to subscribe to");
+  addParam("callbackModule", "Name of the module to call with notifications");
+  addParam("callbackMessage", "DEPRECATED Message included in the notification.");
+  addParam("callbacMethod", "Name of the module's method to call when a data is changed");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (RXMemory::*)(const std::string&, const std::string&, const std::string&,
+                                           const std::string&)>(&RXMemory::subscribeToEvent)));
+
+  functionName("subscribeToMicroEvent", kModuleName,
+               "Subscribes to a microEvent. Subscribed modules are notified on theircallback method whenever "
+               "the data is updated, even if the new value is the same as the old value.");
+  addParam("name", "Name of the data.");
+  addParam("callbackModule", "Name of the module to call with notifications");
+  addParam("callbackMessage",
+           "Message included in the notification. This can be used to disambiguate multiple subscriptions.");
+  addParam("callbackMethod", "Name of the module's method to call when a data is changed");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::subscribeToMicroEvent);
+
+  functionName("unregisterModuleReference", kModuleName,
+               "Informs RXMemory that a module doesn't exist anymore.");
+  addParam("moduleName", "Name of the departing module.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::unregisterModuleReference);
+
+  functionName("_perf", kModuleName, "RXMemory performance");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::perf);
+
+  functionName("unsubscribeToEvent", kModuleName,
+               "Unsubscribes a module from the given event. No further notifications will be received.");
+  addParam("name", "The name of the event");
+  addParam("callbackModule", "The name of the module that was given when subscribing.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::unsubscribeToEvent);
+
+  functionName("unsubscribeToMicroEvent", kModuleName,
+               "Unsubscribes from the given event. No further notifications will be received.");
+  addParam("name", "Name of the event.");
+  addParam("callbackModule", "The name of the module that was given when subscribing.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::unsubscribeToMicroEvent);
+
+  functionName("_insertObject", kModuleName, "Insert object in RXMemory. Please use RXMemoryFastAccess");
+  addParam("name", "RXMemory data name");
+  addParam("buffer", "buffer in RXValue");
+  addParam("bufferSize", "buffer size");
+  setReturn("data", "return an array of data's string name.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::_insertObject);
+
+  functionName("_subscribeOnDataSetTimePolicy", kModuleName,
+               "Allows modules to change time policy of already subscribed data.");
+  addParam("name", "Name of the data.");
+  addParam("callbackModule", "Name of the module.");
+  addParam(
+      "nTimePolicy",
+      "time of new policy in ms. Default is 0: no time policy: called at every change/insert. If timepolicy "
+      "> 0, we will not notifiy under timepolicy even if data change under timepolicy frequency");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::subscribeOnDataSetTimePolicy);
+
+  functionName("_subscribeOnDataSetSynchronizeResponse", kModuleName,
+               "Receives notifications in the same order that the event were sent. This is slower than");
+  addParam("name", "Name of the data.");
+  addParam("callbackModule", "Name of the module.");
+  addParam("synchronizedResponse", "True to receive notifications in the same order as events are sent");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::subscribeOnDataSetSynchronizeResponse);
+
+  functionName("setDescription", kModuleName, "Describe a key");
+  addParam("name", "Name of the key.");
+  addParam("description", "The description of the event (text format).");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::setDescription);
+
+  functionName("getDescriptionList", kModuleName, "Descriptions of all given keys");
+  addParam("keylist", "List of keys. (empty to get all descriptions)");
+  setReturn("descriptions", "an array of tuple (name, type, description) describing all keys.");
+  advertiseMethod(getCurrentMethodDescription(), this, &RXMemory::getDescriptionList);
+
+  functionName("addMapping", kModuleName, "Add a mapping between signal and event");
+  addParam("service", "Name of the service");
+  addParam("signal", "Name of the signal");
+  addParam("event", "Name of the event");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (RXMemory::*)(const std::string&, const std::string&, const std::string&)>(
+                &RXMemory::addMapping)));
+
+  functionName("addMapping", kModuleName, "Add a mapping between signal and event");
+  addParam("service", "Name of the service");
+  addParam("signalEvent", "A map of signal corresponding to event");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (RXMemory::*)(const std::string&, const std::map<std::string, std::string>&)>(
+                &RXMemory::addMapping)));
+}
 
 void RXMemory::init() { xRaiseMicroEvent("TavroReady", RXValue(0)); }
 
@@ -99,7 +463,8 @@ void RXMemory::registerEvent(const std::string& name) {
 
 // ---- Insertion ----
 
-boost::shared_ptr<STMValue> RXMemory::xInsertData(const std::string& name, const RXValue& value, dataType type) {
+boost::shared_ptr<STMValue> RXMemory::xInsertData(const std::string& name, const RXValue& value,
+                                                  dataType type) {
   boost::shared_ptr<STMValue> cell;
   bool added = false;
   bool retyped = false;
@@ -137,7 +502,9 @@ void RXMemory::insertData(const std::string& key, int value) { insertData(key, R
 
 void RXMemory::insertData(const std::string& key, float value) { insertData(key, RXValue(value)); }
 
-void RXMemory::insertData(const std::string& key, const std::string& value) { insertData(key, RXValue(value)); }
+void RXMemory::insertData(const std::string& key, const std::string& value) {
+  insertData(key, RXValue(value));
+}
 
 void RXMemory::insertData(const std::string& key, const RXValue& data) { xInsertData(key, data, Data); }
 
@@ -365,7 +732,9 @@ std::string RXMemory::getStrDataType(const std::string& key) {
   return "Unknown";
 }
 
-RXValue RXMemory::getDataTimestamp(const std::string& key) { return findCellOrThrow(key)->getValueTimeStamp(); }
+RXValue RXMemory::getDataTimestamp(const std::string& key) {
+  return findCellOrThrow(key)->getValueTimeStamp();
+}
 
 // ---- Events and micro-events ----
 
@@ -387,7 +756,9 @@ void RXMemory::xRaiseEvent(const std::string& name, const RXValue& value) {
   cell->notify(name, value);
 }
 
-void RXMemory::raiseMicroEvent(const std::string& name, const RXValue& value) { xRaiseMicroEvent(name, value); }
+void RXMemory::raiseMicroEvent(const std::string& name, const RXValue& value) {
+  xRaiseMicroEvent(name, value);
+}
 
 void RXMemory::xRaiseMicroEvent(const std::string& name, const RXValue& value) {
   boost::shared_ptr<STMValue> cell = xInsertData(name, value, MicroEvent);
@@ -417,8 +788,8 @@ void RXMemory::unregisterModuleReference(const std::string& /*moduleName*/) {
   RX_WARNING(moduleLog, "unregisterModuleReference is deprecated and can be removed.");
 }
 
-void RXMemory::subscribeOnDataSetTimePolicy(const std::string& /*name*/, const std::string& /*callbackModule*/,
-                                            int /*nTimePolicy*/) {
+void RXMemory::subscribeOnDataSetTimePolicy(const std::string& /*name*/,
+                                            const std::string& /*callbackModule*/, int /*nTimePolicy*/) {
   RX_ERROR(moduleLog, "RXMemory::subscribeOnDataSetTimePolicy is NO-OP");
 }
 
@@ -539,11 +910,112 @@ boost::shared_ptr<RXMemorySubscriber> RXMemory::subscriber(const std::string& ev
   return it->second->subscriber();
 }
 
+void RXMemory::addMapping(const std::string& service, const std::string& signal, const std::string& event) {
+  {
+    boost::lock_guard<boost::mutex> lock(signalEventMapMutex);
+    signalEventMap[service][signal] = event;
+  }
+  // Not under the mutex: the look-up may wait for the session. The mapping is
+  // kept whatever follows; a service that is not there yet, or lacks the
+  // signal, is looked at again each time it registers.
+  mz::AnyObject object;
+  if (!lookUpService(getParentBroker(), service, object)) return;
+  // signalId throws "This object is null" for an empty object.
+  if (object.signalId(signal) < 0) return;
+  declareEvent(event);
+  connectMappedSignal(object, signal, event);
+}
+
+void RXMemory::addMapping(const std::string& service, const std::map<std::string, std::string>& signalEvent) {
+  for (const auto& entry : signalEvent) addMapping(service, entry.first, entry.second);
+}
+
+void RXMemory::declareEventsFromService(const std::string& service,
+                                        const std::map<std::string, std::string>& signalEvent) {
+  mz::AnyObject object;
+  if (!lookUpService(getParentBroker(), service, object)) return;
+  for (const auto& entry : signalEvent) {
+    // signalId throws "This object is null" for an empty object.
+    if (object.signalId(entry.first) < 0) continue;
+    declareEvent(entry.second);
+    connectMappedSignal(object, entry.first, entry.second);
+  }
+}
+
+void RXMemory::connectMappedSignal(const mz::AnyObject& object, const std::string& signal,
+                                   const std::string& event) {
+  // Deliberately no check for an existing connection: each mapping applied
+  // adds one, and the event is raised once per connection and emission.
+  std::shared_ptr<CallbackGuard> guard = callbackGuard;
+  std::function<void(mz::AnyValue)> raise = [guard, event](mz::AnyValue value) {
+    guard->run([&](RXMemory& memory) { memory.onSignalReceived(event, std::move(value)); });
+  };
+  object.connect(signal, std::move(raise), mz::MetaCallType_Auto).waitAndCheck();
+}
+
+void RXMemory::onServiceRegistered(const std::string& serviceName) {
+  boost::lock_guard<boost::mutex> lock(signalEventMapMutex);
+  auto it = signalEventMap.find(serviceName);
+  if (it != signalEventMap.end()) declareEventsFromService(serviceName, it->second);
+}
+
+void RXMemory::onSignalReceived(const std::string& eventName, mz::AnyValue value) {
+  // Declared as an event, raised the micro-event way: subscribers are told of
+  // every emission and no history is kept.
+  xRaiseMicroEvent(eventName, value.toRXValue());
+}
+
+void RXMemory::loadSignalEventMapFromFile() {
+  const std::string path = mz::path::findData("tavro", "rxmemory_map_signal_event.txt");
+  std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "r"));
+  if (!file) {
+    RX_WARNING(moduleLog, "Can't not open file rxmemory_map_signal_event.txt");
+    return;
+  }
+  // A line longer than the buffer arrives in pieces, each parsed on its own.
+  char buffer[512];
+  while (std::fgets(buffer, sizeof buffer, file.get())) {
+    std::string service;
+    std::string signal;
+    std::string event;
+    if (_parseEventFromLine(buffer, service, signal, event)) addMapping(service, signal, event);
+  }
+}
+
+bool RXMemory::_parseEventFromLine(std::string line, std::string& service, std::string& signal,
+                                   std::string& event) const {
+  line.erase(std::remove(line.begin(), line.end(), ' '), line.end());
+  line.erase(std::remove(line.begin(), line.end(), '\t'), line.end());
+  const std::size_t hash = line.find('#');
+  if (hash != std::string::npos) line.erase(hash);
+
+  const std::size_t dot = line.find('.');
+  if (dot == std::string::npos) return false;
+  service = line.substr(0, dot);
+  if (service.empty()) return false;
+  line = line.substr(dot + 1);
+
+  const std::size_t colon = line.find(':');
+  // The dot's position is compared with the colon's in the rest of the line,
+  // so a signal name shorter than its service name is refused. Map files in
+  // use are written for this rule, which therefore stays.
+  if (colon == std::string::npos || dot > colon) return false;
+  signal = line.substr(0, colon);
+  if (signal.empty()) return false;
+
+  std::size_t end = line.find("\r\n", colon + 1);
+  if (end == std::string::npos) end = line.find('\n', colon + 1);
+  if (end == std::string::npos) end = line.size();
+  event = line.substr(colon + 1, end - colon - 1);
+  return !event.empty();
+}
+
 // ---- Status page ----
 
 std::string RXMemory::httpGet() {
   std::string page =
-      "<html><head><style type=\"text/css\">body, h1, th, td {font-family: verdana;} td, th {font-size: 12px; "
+      "<html><head><style type=\"text/css\">body, h1, th, td {font-family: verdana;} td, th {font-size: "
+      "12px; "
       "cell-padding: 2px; text-align: left;}</style></head><body>";
   // Every page has always fetched the full key list first.
   const RXValue allNames(getDataListName());
@@ -557,8 +1029,8 @@ std::string RXMemory::httpGet() {
 
 std::string RXMemory::httpGetList(const std::string& title, const std::vector<std::string>& names) {
   static const char* const kTypeWords[] = {"invalid", "array", "bool", "int", "float", "string", "unknown"};
-  std::string html = "<h4>" + title + "</h4>" +
-                     "<table class=\"memory\" ><tr><th>Name</th><th>Type</th><th>Value</th>";
+  std::string html =
+      "<h4>" + title + "</h4>" + "<table class=\"memory\" ><tr><th>Name</th><th>Type</th><th>Value</th>";
   if (title != "Data") html += "<th>Subscribers</th>";
   html += "</tr>\n";
   for (const std::string& name : names) {
@@ -581,6 +1053,35 @@ std::string RXMemory::httpGetList(const std::string& title, const std::vector<st
   }
   html += "</table>";
   return html;
+}
+
+// ---- Self-test ----
+
+void RXMemory::perf() {
+  constexpr int kCalls = 1000;
+  RtTime timer(0);
+
+  std::cout << "1000 Direct call" << std::endl;
+  timer.start();
+  // The key is built anew for each call: its cost is part of every figure.
+  for (int i = 0; i < kCalls; ++i) insertData(std::string("perf"), 1);
+  timer.stop();
+  std::cout << "time: " << timer.diffNs() / 1000000 << std::endl;
+
+  std::cout << "1000 Specialized proxy call" << std::endl;
+  boost::shared_ptr<RXMemoryProxy> memoryProxy =
+      boost::make_shared<RXMemoryProxy>(getParentBroker()->getProxy("RXMemory", 0));
+  timer.start();
+  for (int i = 0; i < kCalls; ++i) memoryProxy->insertData(std::string("perf"), 1);
+  timer.stop();
+  std::cout << "time: " << timer.diffNs() / 1000000 << std::endl;
+
+  std::cout << "1000 Proxy call" << std::endl;
+  boost::shared_ptr<RXProxy> proxy = getParentBroker()->getProxy("RXMemory", 0);
+  timer.start();
+  for (int i = 0; i < kCalls; ++i) proxy->call<void>("insertData", std::string("perf"), 1);
+  timer.stop();
+  std::cout << "time: " << timer.diffNs() / 1000000 << std::endl;
 }
 
 }  // namespace RX

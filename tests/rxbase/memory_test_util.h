@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -13,6 +15,8 @@
 #include <boost/pointer_cast.hpp>
 #include <gtest/gtest.h>
 
+#include "mz/object.h"
+#include "mz/session.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
 #include "rx/rxlog.h"
@@ -53,6 +57,16 @@ class Recorder : public RX::RXModule {
     std::unique_lock<std::mutex> lock(mutex_);
     return cond_.wait_for(lock, timeout, [&] { return received_.size() >= n; });
   }
+  // True once at least n calls for key have arrived; false after the timeout.
+  bool waitForKey(const std::string& key, std::size_t n,
+                  std::chrono::seconds timeout = std::chrono::seconds(10)) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, timeout, [&] { return countLocked(key) >= n; });
+  }
+  std::size_t count(const std::string& key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return countLocked(key);
+  }
   std::vector<Notification> received() {
     std::lock_guard<std::mutex> lock(mutex_);
     return received_;
@@ -66,6 +80,12 @@ class Recorder : public RX::RXModule {
   }
 
  private:
+  std::size_t countLocked(const std::string& key) const {
+    std::size_t n = 0;
+    for (const Notification& r : received_)
+      if (r.key == key) ++n;
+    return n;
+  }
   void record(Notification n) {
     std::lock_guard<std::mutex> lock(mutex_);
     received_.push_back(std::move(n));
@@ -110,6 +130,38 @@ class Extractor : public RX::RXModule {
   std::vector<std::string> calls_;
 };
 
+// A service of the messaging layer with signals of one value, standing for the
+// services whose signals the memory maps onto events.
+class FakeService : public mz::DynamicObject {
+ public:
+  explicit FakeService(const std::vector<std::string>& signalNames) {
+    for (const std::string& name : signalNames) {
+      auto signal = std::make_unique<mz::SignalF<void(mz::AnyValue)>>();
+      advertiseSignal(name, signal.get());
+      signals_.emplace(name, std::move(signal));
+    }
+  }
+  void emit(const std::string& signal, const mz::AnyValue& value) { (*signals_.at(signal))(value); }
+  std::size_t connections(const std::string& signal) const { return signals_.at(signal)->subscriberCount(); }
+
+ protected:
+  std::string objectName() const override { return "FakeService"; }
+
+ private:
+  std::map<std::string, std::unique_ptr<mz::SignalF<void(mz::AnyValue)>>> signals_;
+};
+
+// Registers a FakeService under name in the broker's session.
+inline std::shared_ptr<FakeService> registerFakeService(const boost::shared_ptr<RX::RXBroker>& broker,
+                                                        const std::string& name,
+                                                        const std::vector<std::string>& signalNames,
+                                                        unsigned int* id = nullptr) {
+  auto service = std::make_shared<FakeService>(signalNames);
+  const unsigned int serviceId = broker->session()->registerService(name, mz::AnyObject(service));
+  if (id) *id = serviceId;
+  return service;
+}
+
 template <typename M, typename... Args>
 boost::shared_ptr<M> startModule(const boost::shared_ptr<RX::RXBroker>& broker, const std::string& name,
                                  Args... args) {
@@ -144,6 +196,17 @@ class LogCapture {
   std::vector<std::string> lines_;
 };
 
+// Raises a micro-event that `r` is subscribed to and waits for it: since posts
+// to one module arrive in order, everything posted before has arrived. Counted
+// by key: calls posted earlier may still be arriving when it starts.
+inline void drain(const boost::shared_ptr<RX::RXMemory>& memory, const boost::shared_ptr<Recorder>& r) {
+  const std::size_t before = r->count("Sentinel");
+  memory->subscribeToMicroEvent("Sentinel", r->getName(), "", "onEvent");
+  memory->raiseMicroEvent("Sentinel", RX::RXValue(0));
+  ASSERT_TRUE(r->waitForKey("Sentinel", before + 1)) << r->getName() << " never received the sentinel";
+  memory->unsubscribeToMicroEvent("Sentinel", r->getName());
+}
+
 // A broker with the memory module created the way the broker process does it.
 class MemoryTest : public ::testing::Test {
  protected:
@@ -160,15 +223,7 @@ class MemoryTest : public ::testing::Test {
     broker->shutdown();
   }
 
-  // Raises a micro-event that `r` is subscribed to and waits for it: since
-  // posts to one module arrive in order, everything posted before has arrived.
-  void drain(const boost::shared_ptr<Recorder>& r) {
-    const std::size_t before = r->received().size();
-    memory->subscribeToMicroEvent("Sentinel", r->getName(), "", "onEvent");
-    memory->raiseMicroEvent("Sentinel", RX::RXValue(0));
-    ASSERT_TRUE(r->waitFor(before + 1)) << r->getName() << " never received the sentinel";
-    memory->unsubscribeToMicroEvent("Sentinel", r->getName());
-  }
+  void drain(const boost::shared_ptr<Recorder>& r) { rxtest::drain(memory, r); }
 
   boost::shared_ptr<RX::RXBroker> broker;
   boost::shared_ptr<RX::RXMemory> memory;

@@ -5,7 +5,60 @@ using RX::RXValue;
 
 namespace {
 
-class StatusPageTest : public rxtest::MemoryTest {};
+class StatusPageTest : public rxtest::MemoryTest {
+ protected:
+  static std::string row(const std::string& name, const std::string& type, const std::string& value,
+                         const std::string& subscribers) {
+    return "\n<tr><td>" + name + "</td><td>\n" + type + "</td>\n<td>" + value + "</td>\n<td>" + subscribers +
+           "</td></tr>\n";
+  }
+  static std::string table(const std::string& title, const std::string& rows) {
+    return "<h4>" + title + "</h4><table class=\"memory\" ><tr><th>Name</th><th>Type</th><th>Value</th>" +
+           (title == "Data" ? "" : "<th>Subscribers</th>") + "</tr>\n" + rows + "</table>";
+  }
+};
+
+// A memory that holds only what start-up puts there: the three store-change
+// events (KeyAdded last raised for "TavroReady") and the micro-event
+// "TavroReady".
+TEST_F(StatusPageTest, PageOfAFreshMemory) {
+  const std::map<std::string, std::string> eventRows = {
+      {"RXMemory/KeyAdded", row("RXMemory/KeyAdded", "string", "\"TavroReady\"", "")},
+      {"RXMemory/KeyRemoved", row("RXMemory/KeyRemoved", "invalid", "invalid", "")},
+      {"RXMemory/KeyTypeChanged", row("RXMemory/KeyTypeChanged", "invalid", "invalid", "")},
+  };
+  // Rows come in the store's own order, which is not sorted.
+  const std::vector<std::string> events = memory->getListTyped(RX::Event);
+  ASSERT_EQ(3u, events.size());
+  std::string eventTable;
+  for (const std::string& name : events) eventTable += eventRows.at(name);
+
+  EXPECT_EQ(
+      "<html><head><style type=\"text/css\">body, h1, th, td {font-family: verdana;} td, th {font-size: "
+      "12px; "
+      "cell-padding: 2px; text-align: left;}</style></head><body>" +
+          table("Data", "") + table("Event", eventTable) +
+          table("Micro-event", row("TavroReady", "int", "0", "")) + "</body></html>",
+      memory->httpGet());
+  EXPECT_EQ(table("Event", ""), memory->httpGetList("Event", {}));
+}
+
+TEST_F(StatusPageTest, EveryKindOfValueHasItsTypeWord) {
+  RXValue list = RXValue::array();
+  list.arrayPush(RXValue(1));
+  memory->insertData("b", RXValue(true));
+  memory->insertData("f", 1.5f);
+  memory->insertData("a", list);
+  memory->insertData("o", RXValue(mz::AnyObject(std::make_shared<mz::DynamicObject>())));
+  memory->insertData("amp", std::string("x&y>z"));
+  const std::string html = memory->httpGetList("Custom", {"b", "f", "a", "amp"});
+  EXPECT_EQ(table("Custom", row("b", "bool", "true", "") + row("f", "float", "1.5", "") +
+                                row("a", "array", "[1]", "") + row("amp", "string", "\"x&y>z\"", "")),
+            html);
+  const std::string objectRow = memory->httpGetList("Data", {"o"});
+  EXPECT_NE(std::string::npos, objectRow.find("\n<tr><td>o</td><td>\n</td>\n<td>"))
+      << "an object has no type word: " << objectRow;
+}
 
 TEST_F(StatusPageTest, PageListsKeysByKindWithTheirSubscribers) {
   memory->insertData("K", 5);
@@ -18,7 +71,8 @@ TEST_F(StatusPageTest, PageListsKeysByKindWithTheirSubscribers) {
 
   const std::string page = memory->httpGet();
   const std::string head =
-      "<html><head><style type=\"text/css\">body, h1, th, td {font-family: verdana;} td, th {font-size: 12px; "
+      "<html><head><style type=\"text/css\">body, h1, th, td {font-family: verdana;} td, th {font-size: "
+      "12px; "
       "cell-padding: 2px; text-align: left;}</style></head><body><h4>Data</h4><table class=\"memory\" ><tr>"
       "<th>Name</th><th>Type</th><th>Value</th></tr>\n";
   EXPECT_EQ(head, page.substr(0, head.size()));
@@ -34,7 +88,8 @@ TEST_F(StatusPageTest, PageListsKeysByKindWithTheirSubscribers) {
   EXPECT_LT(row, events);
   EXPECT_NE(std::string::npos, page.find("<td>\"a<b\"</td>")) << "values are not escaped";
   EXPECT_NE(std::string::npos, page.find("\n<tr><td>bin</td><td>\n\"jpeg\" 3</td>"));
-  const std::size_t eventRow = page.find("\n<tr><td>E</td><td>\ninvalid</td>\n<td>invalid</td>\n<td>A B </td></tr>\n");
+  const std::size_t eventRow =
+      page.find("\n<tr><td>E</td><td>\ninvalid</td>\n<td>invalid</td>\n<td>A B </td></tr>\n");
   EXPECT_TRUE(eventRow > events && eventRow < micro) << page;
   EXPECT_NE(std::string::npos, page.find("<tr><td>TavroReady</td><td>\nint</td>", micro));
 

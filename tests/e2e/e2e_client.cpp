@@ -1,0 +1,70 @@
+// rx_e2e_client: a client process for the end-to-end tests. It connects to a
+// broker, serves a module "E2EClient" whose callback prints each notification,
+// subscribes it to an event of the broker's memory, says "ready", and runs
+// until its standard input closes (or it is killed).
+//
+//   rx_e2e_client ENDPOINT EVENT
+//   stdout: "ready", then "event KEY VALUE MESSAGE" per notification, "bye" at the end.
+#include <boost/make_shared.hpp>
+#include <iostream>
+#include <mutex>
+#include <string>
+
+#include "net/clientsession.h"
+#include "rx/rxbroker.h"
+#include "rx/rxmodule.h"
+#include "rx/rxproxy.h"
+
+namespace {
+
+std::mutex outMutex;
+
+void say(const std::string& line) {
+  std::lock_guard<std::mutex> lock(outMutex);
+  std::cout << line << std::endl;
+}
+
+class E2EClient : public RX::RXModule {
+ public:
+  explicit E2EClient(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "E2EClient") {
+    functionName("onEvent", "E2EClient", "Prints a notification.");
+    addParam("key", "");
+    addParam("value", "");
+    addParam("message", "");
+    advertiseMethod(getCurrentMethodDescription(), this, &E2EClient::onEvent);
+  }
+  void onEvent(const std::string& key, const RX::RXValue& value, const RX::RXValue& message) {
+    say("event " + key + " " + value.toString() + " " + message.toString(0));
+  }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::cerr << "usage: rx_e2e_client ENDPOINT EVENT\n";
+    return 2;
+  }
+  try {
+    net::ClientSession::Options options;
+    options.clientName = "rx_e2e_client";
+    auto session = net::ClientSession::connect(argv[1], options);
+    auto broker = RX::RXBroker::create("e2e-client", RX::RXBroker::Options(), session);
+    auto module = boost::make_shared<E2EClient>(broker);
+    module->initModule();
+    broker->getProxy("RXMemory")
+        ->call<void>("subscribeToEvent", std::string(argv[2]), std::string("E2EClient"),
+                     std::string("onEvent"));
+    say("ready");
+    std::string line;
+    while (std::getline(std::cin, line)) {
+    }
+    broker->shutdown();
+    session->close();
+    say("bye");
+    return 0;
+  } catch (const std::exception& e) {
+    std::cerr << "rx_e2e_client: " << e.what() << "\n";
+    return 1;
+  }
+}
