@@ -74,8 +74,8 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 100000000));
   CLI11_PARSE(app, argc, argv);
 
-  for (const std::string& spec : logs)
-    if (!RX::log::applySpec(spec)) return fail("bad --log '" + spec + "': expected CATEGORY=LEVEL");
+  for (const std::string& settings : logs)
+    if (!RX::log::applyThresholds(settings)) return fail("bad --log '" + settings + "': expected CATEGORY=LEVEL");
   for (const std::string& dir : dataPaths) mz::path::addDataDirectory(dir);
   if (listen.empty()) listen.push_back("tcp://127.0.0.1:9780");
   std::string httpHost;

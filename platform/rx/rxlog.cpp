@@ -30,12 +30,12 @@ std::string trim(const std::string& s) {
 // Splits "name=level,name=level" into entries; false when any item is
 // malformed (no '=', empty name, unknown level). Empty items are skipped so a
 // trailing comma is harmless.
-bool parseSpec(const std::string& spec, std::vector<std::pair<std::string, int>>& entries) {
+bool parseThresholds(const std::string& settings, std::vector<std::pair<std::string, int>>& entries) {
   std::size_t start = 0;
-  while (start <= spec.size()) {
-    std::size_t comma = spec.find(',', start);
-    if (comma == std::string::npos) comma = spec.size();
-    const std::string item = trim(spec.substr(start, comma - start));
+  while (start <= settings.size()) {
+    std::size_t comma = settings.find(',', start);
+    if (comma == std::string::npos) comma = settings.size();
+    const std::string item = trim(settings.substr(start, comma - start));
     start = comma + 1;
     if (item.empty()) continue;
     const std::size_t eq = item.find('=');
@@ -81,7 +81,7 @@ class Registry {
 
     if (const char* env = std::getenv("RX_LOG")) {
       std::vector<std::pair<std::string, int>> entries;
-      if (parseSpec(env, entries)) {
+      if (parseThresholds(env, entries)) {
         apply(entries);
       } else {
         emit("rx", Warning, std::string("ignoring malformed RX_LOG=\"") + env + "\"");
@@ -236,9 +236,9 @@ int parseLevel(const std::string& text) {
   return -1;
 }
 
-bool applySpec(const std::string& spec) {
+bool applyThresholds(const std::string& settings) {
   std::vector<std::pair<std::string, int>> entries;
-  if (!parseSpec(spec, entries)) return false;
+  if (!parseThresholds(settings, entries)) return false;
   registry().apply(entries);
   return true;
 }

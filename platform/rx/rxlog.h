@@ -51,9 +51,9 @@ void setLevel(const std::string& name, int level);
 // Parses "error", "warning", "info", "debug", "verbose", "silent" or a digit;
 // returns -1 for anything else.
 int parseLevel(const std::string& text);
-// Applies a spec such as "rxmemory=verbose,*=warning"; returns false (and
+// Applies thresholds written as "rxmemory=verbose,*=warning"; returns false (and
 // applies nothing) when it is malformed.
-bool applySpec(const std::string& spec);
+bool applyThresholds(const std::string& settings);
 const char* levelName(int level);
 
 // Observers see every written line (after level filtering); used by tests and

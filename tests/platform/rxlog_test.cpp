@@ -104,40 +104,40 @@ TEST(LogTest, BuildsNoTextWhenTheLevelIsOff) {
 }
 
 TEST(LogTest, AppliesSpecsAtomicallyWithNamedEntriesBeatingTheDefault) {
-  Category& a = category("test.spec.a");
-  Category& b = category("test.spec.b");
+  Category& a = category("test.thresholds.a");
+  Category& b = category("test.thresholds.b");
 
-  EXPECT_TRUE(applySpec("test.spec.a=verbose, test.spec.b = 2"));
+  EXPECT_TRUE(applyThresholds("test.thresholds.a=verbose, test.thresholds.b = 2"));
   EXPECT_EQ(Verbose, a.threshold());
   EXPECT_EQ(Warning, b.threshold());
 
   // A level given before the category exists is kept for it.
-  EXPECT_TRUE(applySpec("test.spec.later=error,"));
-  EXPECT_EQ(Error, category("test.spec.later").threshold());
+  EXPECT_TRUE(applyThresholds("test.thresholds.later=error,"));
+  EXPECT_EQ(Error, category("test.thresholds.later").threshold());
 
   // Malformed specs apply nothing at all, not even their valid entries.
-  for (const char* bad : {"test.spec.a=1,oops", "test.spec.a=1,=3", "test.spec.a=1,test.spec.b=loud",
-                          "test.spec.a=1,test.spec.b=6"}) {
-    EXPECT_FALSE(applySpec(bad)) << bad;
+  for (const char* bad : {"test.thresholds.a=1,oops", "test.thresholds.a=1,=3", "test.thresholds.a=1,test.thresholds.b=loud",
+                          "test.thresholds.a=1,test.thresholds.b=6"}) {
+    EXPECT_FALSE(applyThresholds(bad)) << bad;
     EXPECT_EQ(Verbose, a.threshold()) << bad;
     EXPECT_EQ(Warning, b.threshold()) << bad;
   }
-  EXPECT_TRUE(applySpec(""));
+  EXPECT_TRUE(applyThresholds(""));
 
   // "*" sets every existing category and the default of future ones; a named
-  // entry wins over it wherever it stands in the spec.
-  EXPECT_TRUE(applySpec("test.spec.b=debug,*=error"));
+  // entry wins over it wherever it stands in the settings.
+  EXPECT_TRUE(applyThresholds("test.thresholds.b=debug,*=error"));
   EXPECT_EQ(Error, a.threshold());
   EXPECT_EQ(Debug, b.threshold());
-  EXPECT_EQ(Error, category("test.spec.created.after").threshold());
+  EXPECT_EQ(Error, category("test.thresholds.created.after").threshold());
 
   setLevel("*", Verbose);
   EXPECT_EQ(Verbose, a.threshold());
   EXPECT_EQ(Verbose, b.threshold());
-  EXPECT_EQ(Verbose, category("test.spec.created.later").threshold());
+  EXPECT_EQ(Verbose, category("test.thresholds.created.later").threshold());
 
   setLevel("*", kDefaultThreshold);
-  EXPECT_EQ(kDefaultThreshold, category("test.spec.fresh").threshold());
+  EXPECT_EQ(kDefaultThreshold, category("test.thresholds.fresh").threshold());
 }
 
 TEST(LogTest, ObserversSeeWrittenLinesUntilRemoved) {
