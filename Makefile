@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: run test build deps configure clean tsan asan
+.PHONY: run test build deps configure clean tsan asan bench
 
 deps:
 	@scripts/install-deps
@@ -26,5 +26,16 @@ asan:
 tsan:
 	@$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DRX_SANITIZE=thread"
 
+# Benchmarks (never part of `make test`): in-process figures against a bare
+# map-and-locks floor, then the memory over the network next to redis-server.
+# Writes docs/perf_roundtrip.{png,gp} and its data files.
+bench:
+	@scripts/install-deps --bench
+	@cmake -S . -B build-bench -DRX_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-bench -j $(JOBS) --target memory_bench remote_driver remote_roundtrip
+	@build-bench/memory_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+	@build-bench/remote_roundtrip
+	@build-bench/remote_driver docs
+
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-bench
