@@ -49,14 +49,44 @@ struct SignalBase::Impl {
   std::shared_ptr<const EntryList> list = std::make_shared<const EntryList>();
   // Mirrors list->size() for lock-free hasSubscribers().
   std::atomic<std::size_t> count{0};
+  // Constant once the block is published.
+  OnSubscribers onSubscribers;
+  // Set when the signal was built with a signature of its own; constant
+  // once the block is published.
+  bool hasSignature = false;
+  std::string signature;
 };
 
-SignalBase::SignalBase(std::string signature, OnSubscribers onSubscribers)
-    : signature_(std::move(signature)), onSubscribers_(std::move(onSubscribers)) {}
+namespace {
+const char* const kDefaultSignature = "void ()";
+}  // namespace
+
+SignalBase::SignalBase(std::string signature, OnSubscribers onSubscribers) {
+  // Only a signal that has something of its own to remember pays for the
+  // block before its first connect.
+  if (signature == kDefaultSignature && !onSubscribers) return;
+  auto block = std::make_unique<Impl>();
+  block->hasSignature = true;
+  block->signature = std::move(signature);
+  block->onSubscribers = std::move(onSubscribers);
+  impl_.store(block.release(), std::memory_order_release);
+}
+
+SignalBase::SignalBase(ComputedSignature, OnSubscribers onSubscribers) {
+  if (!onSubscribers) return;
+  auto block = std::make_unique<Impl>();
+  block->onSubscribers = std::move(onSubscribers);
+  impl_.store(block.release(), std::memory_order_release);
+}
 
 SignalBase::~SignalBase() {
   // Reclaims the list allocated by ensureImpl.
   std::unique_ptr<Impl> owned(impl_.load(std::memory_order_acquire));
+}
+
+std::string SignalBase::signature() const {
+  const Impl* d = impl();
+  return d && d->hasSignature ? d->signature : std::string(kDefaultSignature);
 }
 
 SignalBase::Impl* SignalBase::impl() const { return impl_.load(std::memory_order_acquire); }
@@ -81,7 +111,7 @@ SignalLink SignalBase::connect(SignalSubscriber subscriber) {
   const bool first = d->list->empty();
   d->list = std::move(next);
   d->count.store(d->list->size(), std::memory_order_release);
-  if (first && onSubscribers_) onSubscribers_(true);
+  if (first && d->onSubscribers) d->onSubscribers(true);
   return link;
 }
 
@@ -99,7 +129,7 @@ bool SignalBase::disconnect(SignalLink link) {
     next->insert(next->end(), cur.begin() + static_cast<std::ptrdiff_t>(i) + 1, cur.end());
     d->list = std::move(next);
     d->count.store(d->list->size(), std::memory_order_release);
-    if (d->list->empty() && onSubscribers_) onSubscribers_(false);
+    if (d->list->empty() && d->onSubscribers) d->onSubscribers(false);
     return true;
   }
   return false;
@@ -113,7 +143,7 @@ void SignalBase::disconnectAll() {
   for (const auto& e : *d->list) e->live.store(false, std::memory_order_release);
   d->list = std::make_shared<const EntryList>();
   d->count.store(0, std::memory_order_release);
-  if (onSubscribers_) onSubscribers_(false);
+  if (d->onSubscribers) d->onSubscribers(false);
 }
 
 bool SignalBase::hasSubscribers() const { return subscriberCount() != 0; }

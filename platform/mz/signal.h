@@ -9,8 +9,11 @@
 // trigger() is virtual so that an object can give emissions a meaning of its own
 // (the memory's key signal raises its key); SignalBase::trigger called
 // explicitly always delivers. A callable that throws is logged and does not
-// stop delivery to the others. The subscriber list is allocated on the first
-// connect, so an unused signal costs one pointer.
+// stop delivery to the others. Everything but the vtable and one pointer (the
+// subscriber list, an explicit signature, the on-subscribe callback) lives in
+// a block allocated on the first connect, or at construction for a signal
+// given an explicit signature or a callback: an unused typed signal costs two
+// pointers.
 //
 // Thread safety: connect, disconnect and emission may run concurrently from any
 // thread. Delivery runs on the emitting thread; a callable may disconnect
@@ -58,19 +61,24 @@ class SignalBase {
   std::size_t subscriberCount() const;
 
   // The signature text, e.g. "void (mz::AnyValue)".
-  virtual std::string signature() const { return signature_; }
+  virtual std::string signature() const;
   // Delivers params to every subscriber connected when the emission starts
   // (minus those disconnected before their turn), on the calling thread.
   // callType is advisory: Queued is delivered synchronously too for now, as
   // the process has no executor dedicated to signal delivery.
   virtual void trigger(const GenericFunctionParameters& params, MetaCallType callType = MetaCallType_Auto);
 
+ protected:
+  // For subclasses that compute their signature (by overriding signature()):
+  // nothing is allocated unless a callback is given.
+  struct ComputedSignature {};
+  SignalBase(ComputedSignature, OnSubscribers onSubscribers);
+
  private:
   struct Impl;
   Impl* impl() const;
   Impl* ensureImpl();
-  std::string signature_;
-  OnSubscribers onSubscribers_;
+  // Set once, from null to the block, and freed by the destructor.
   mutable std::atomic<Impl*> impl_{nullptr};
 };
 
@@ -87,7 +95,9 @@ template <typename... Args>
 class SignalF<void(Args...)> : public SignalBase {
  public:
   explicit SignalF(OnSubscribers onSubscribers = OnSubscribers())
-      : SignalBase(typeSignature(), std::move(onSubscribers)) {}
+      : SignalBase(ComputedSignature(), std::move(onSubscribers)) {}
+
+  std::string signature() const override { return typeSignature(); }
 
   using SignalBase::connect;
   template <typename F, typename = std::enable_if_t<std::is_invocable_v<F&, Args...> &&
@@ -106,13 +116,17 @@ class SignalF<void(Args...)> : public SignalBase {
 
   // "void (mz::AnyValue)", "void (unsigned int, std::string)", ...
   static std::string typeSignature() {
-    std::string s = "void (";
-    const char* names[] = {detail::signatureName(typeid(Args))..., ""};
-    for (std::size_t i = 0; i < sizeof...(Args); ++i) {
-      if (i) s += ", ";
-      s += names[i];
-    }
-    return s + ")";
+    // Built once per signal type and shared by all its signals.
+    static const std::string text = [] {
+      std::string s = "void (";
+      const char* names[] = {detail::signatureName(typeid(Args))..., ""};
+      for (std::size_t i = 0; i < sizeof...(Args); ++i) {
+        if (i) s += ", ";
+        s += names[i];
+      }
+      return s + ")";
+    }();
+    return text;
   }
 
  private:

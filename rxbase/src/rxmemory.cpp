@@ -664,7 +664,7 @@ void RXMemory::setDescription(const std::string& name, const std::string& descri
   UniqueLock lock(keyMapMutex);
   auto it = keyMap.find(name);
   if (it == keyMap.end()) RX_THROW(kModuleName, "setDescription", name + " not found");
-  it->second->description = description;
+  it->second->setDescription(description);
 }
 
 RXValue RXMemory::getDescriptionList(const std::vector<std::string>& keylist) {
@@ -680,7 +680,7 @@ RXValue RXMemory::getDescriptionList(const std::vector<std::string>& keylist) {
       entry[1] = RXValue("data");
     else if (type == Event || type == MicroEvent)
       entry[1] = RXValue("event");
-    entry[2] = RXValue(cell.description);
+    entry[2] = RXValue(cell.getDescription());
     return entry;
   };
 

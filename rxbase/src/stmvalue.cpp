@@ -1,6 +1,7 @@
 #include "stmvalue.h"
 
 #include <exception>
+#include <memory>
 
 #include <boost/circular_buffer.hpp>
 #include <boost/make_shared.hpp>
@@ -63,21 +64,58 @@ std::string STMNotifier::getModuleName() const { return moduleName; }
 
 // ---- STMValue ----
 
+// What a cell needs only once it is subscribed to, described or raised. Each
+// field keeps the guard it would have inline in the cell.
+struct STMValue::Extras {
+  // Guarded by notifierMutex.
+  std::map<std::string, STMNotifier> notifiers;
+  // Guarded by the owning RXMemory's keyMapMutex, not by a cell lock.
+  std::string description;
+  // Guarded by historyMutex; empty until the first pushHistory.
+  boost::shared_ptr<HistoryRing> historyRing;
+};
+
 STMValue::STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type,
                    const mz::os::timeval& timestamp)
     : ptrAccessed(false),
+      type(type),
       value(value),
       signal(boost::make_shared<RXMemorySubscriber>(memory, name)),
-      type(type),
       timestamp(timestamp) {}
 
 STMValue::STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type)
-    : ptrAccessed(false), value(value), signal(boost::make_shared<RXMemorySubscriber>(memory, name)), type(type) {}
+    : ptrAccessed(false), type(type), value(value), signal(boost::make_shared<RXMemorySubscriber>(memory, name)) {}
 
 STMValue::STMValue(RXMemory* memory, const std::string& name)
-    : ptrAccessed(false), signal(boost::make_shared<RXMemorySubscriber>(memory, name)), type(UnknownData) {}
+    : ptrAccessed(false), type(UnknownData), signal(boost::make_shared<RXMemorySubscriber>(memory, name)) {}
 
-STMValue::~STMValue() = default;
+STMValue::~STMValue() {
+  // Nobody else can reach the cell any more: the block is simply reclaimed.
+  std::unique_ptr<Extras> owned(extras.load(std::memory_order_acquire));
+}
+
+STMValue::Extras* STMValue::extrasIfAny() const { return extras.load(std::memory_order_acquire); }
+
+STMValue::Extras& STMValue::ensureExtras() {
+  if (Extras* current = extrasIfAny()) return *current;
+  // The three users of the block hold three different locks, so two of them
+  // may race to create it: the first one installed wins, the other is dropped.
+  auto fresh = std::make_unique<Extras>();
+  Extras* expected = nullptr;
+  if (extras.compare_exchange_strong(expected, fresh.get(), std::memory_order_acq_rel)) return *fresh.release();
+  return *expected;
+}
+
+void STMValue::setDescription(const std::string& text) {
+  // An empty description on a cell without the block is already what readers see.
+  if (text.empty() && !extrasIfAny()) return;
+  ensureExtras().description = text;
+}
+
+std::string STMValue::getDescription() const {
+  const Extras* x = extrasIfAny();
+  return x ? x->description : std::string();
+}
 
 void STMValue::setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp) {
   boost::lock_guard<boost::recursive_mutex> lock(valueMutex);
@@ -103,6 +141,7 @@ RXValue STMValue::getValueTimeStamp() {
 
 void STMValue::pushHistory(const RXValue& newValue) {
   boost::lock_guard<boost::recursive_mutex> lock(historyMutex);
+  boost::shared_ptr<HistoryRing>& historyRing = ensureExtras().historyRing;
   // Only raised keys pay for a ring, allocated once for all its entries.
   if (!historyRing) historyRing = boost::make_shared<HistoryRing>(kHistoryCapacity);
   if (!newValue.isValid()) return;
@@ -112,10 +151,12 @@ void STMValue::pushHistory(const RXValue& newValue) {
 
 RXValue STMValue::history() {
   boost::lock_guard<boost::recursive_mutex> lock(historyMutex);
-  if (!historyRing) return RXValue();
+  const Extras* x = extrasIfAny();
+  if (!x || !x->historyRing) return RXValue();
+  const HistoryRing& historyRing = *x->historyRing;
   RXValue result = RXValue::array();
-  result.arrayReserve(historyRing->size());
-  for (const HistoryEntry& entry : *historyRing) result.arrayPush(valueWithTime(entry.second, entry.first));
+  result.arrayReserve(historyRing.size());
+  for (const HistoryEntry& entry : historyRing) result.arrayPush(valueWithTime(entry.second, entry.first));
   return result;
 }
 
@@ -127,25 +168,33 @@ void STMValue::setNotifier(const std::string& callbackModule, const RXValue& cal
                            const std::string& callbackMethod) {
   boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
   // A fresh record: a re-subscription also forgets the cached proxy.
-  notifiers[callbackModule] = STMNotifier(callbackModule, callbackMessage, callbackMethod);
+  ensureExtras().notifiers[callbackModule] = STMNotifier(callbackModule, callbackMessage, callbackMethod);
 }
 
 void STMValue::unsubscribeNotifier(const std::string& moduleName, const std::string& keyName) {
   boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
-  if (notifiers.erase(moduleName) == 0)
+  Extras* x = extrasIfAny();
+  if (!x || x->notifiers.erase(moduleName) == 0)
     RX_THROW(kModuleName, "UnsubscribeToMicroEvent", moduleName + " is not subscribed to " + keyName);
 }
 
 std::vector<std::string> STMValue::getNotifierList() {
   boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
   std::vector<std::string> names;
-  names.reserve(notifiers.size());
-  for (const auto& entry : notifiers) names.push_back(entry.first);
+  const Extras* x = extrasIfAny();
+  if (!x) return names;
+  names.reserve(x->notifiers.size());
+  for (const auto& entry : x->notifiers) names.push_back(entry.first);
   return names;
 }
 
 void STMValue::notify(const std::string& name, const RXValue& newValue) {
   signal->signal.bounceEvent(newValue);
+
+  // A cell that was never subscribed to has no block, hence no subscribers.
+  Extras* x = extrasIfAny();
+  if (!x) return;
+  std::map<std::string, STMNotifier>& notifiers = x->notifiers;
 
   // Modules not resolved yet are looked up without holding the notifier lock:
   // a broker look-up may be slow, and subscribing must not wait for it.

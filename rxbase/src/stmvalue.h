@@ -5,6 +5,7 @@
 // mutexes guards only its own fields.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <map>
 #include <string>
@@ -118,11 +119,24 @@ class STMValue {
  private:
   friend class RXMemory;
 
-  // Guarded by valueMutex (ptrAccessed and value come first to keep the cell small).
+  // Description, under the owning RXMemory's keyMapMutex. A null block reads as
+  // an empty description.
+  // REQUIRES: keyMapMutex held exclusively.
+  void setDescription(const std::string& text);
+  // REQUIRES: keyMapMutex held (shared or exclusive).
+  [[nodiscard]] std::string getDescription() const;
+
+  // The fields a plain data key never uses (notifiers, description, history
+  // ring) live in one block created on first use. Each field inside keeps its
+  // own guard; the pointer goes from null to the block once and stays.
+  struct Extras;
+  [[nodiscard]] Extras* extrasIfAny() const;
+  Extras& ensureExtras();
+
+  // Guarded by valueMutex (flag, type and value first to keep the cell small).
   bool ptrAccessed;  // set for good once getDataPtr handed out the value's address
+  dataType type;
   RXValue value;
-  // Guarded by notifierMutex.
-  std::map<std::string, STMNotifier> notifiers;
   // Constant after construction.
   boost::shared_ptr<RXMemorySubscriber> signal;
 
@@ -131,12 +145,9 @@ class STMValue {
   boost::recursive_mutex notifierMutex;
 
   // Guarded by valueMutex.
-  dataType type;
   mz::os::timeval timestamp;
-  // Guarded by the owning RXMemory's keyMapMutex, not by a cell lock.
-  std::string description;
-  // Guarded by historyMutex; empty until the first pushHistory.
-  boost::shared_ptr<HistoryRing> historyRing;
+  // Owned; its fields are guarded as described in stmvalue.cpp.
+  std::atomic<Extras*> extras{nullptr};
 };
 
 }  // namespace RX

@@ -204,6 +204,46 @@ TEST(Signal, OnSubscribersReportsFirstAndLast) {
   EXPECT_EQ(1, reentered);
 }
 
+// Every memory key carries a signal, so an unused one must stay two pointers
+// wide; what moved out of line (signature, callback) must still work, whether
+// it was given before or after the first connect.
+TEST(Signal, UnusedSignalIsSmallAndKeepsItsSettings) {
+  EXPECT_LE(sizeof(mz::SignalBase), 16u);
+  EXPECT_LE(sizeof(mz::SignalF<void(mz::AnyValue)>), 16u);
+
+  mz::SignalBase plain;
+  EXPECT_EQ("void ()", plain.signature());
+  plain.connect([](const mz::GenericFunctionParameters&) {});
+  EXPECT_EQ("void ()", plain.signature()) << "the first connect must not lose the default signature";
+
+  mz::SignalBase named("void (int)");
+  EXPECT_EQ("void (int)", named.signature());
+  named.connect([](const mz::GenericFunctionParameters&) {});
+  EXPECT_EQ("void (int)", named.signature());
+  EXPECT_EQ("", mz::SignalBase("").signature()) << "an explicit empty signature is kept as given";
+
+  mz::SignalF<void(unsigned int, std::string)> typed;
+  EXPECT_EQ("void (unsigned int, std::string)", typed.signature());
+  typed.connect([](unsigned int, std::string) {});
+  EXPECT_EQ("void (unsigned int, std::string)", typed.signature());
+
+  // Callback on an untyped signal with an explicit signature, and on a typed
+  // one: both fire on first connect and last disconnect.
+  std::vector<bool> baseEvents, typedEvents;
+  mz::SignalBase base("void (int)", [&](bool on) { baseEvents.push_back(on); });
+  mz::SignalF<void(int)> typedWithCallback([&](bool on) { typedEvents.push_back(on); });
+  EXPECT_EQ("void (int)", base.signature());
+  EXPECT_EQ("void (int)", typedWithCallback.signature());
+  const mz::SignalLink bl = base.connect([](const mz::GenericFunctionParameters&) {});
+  const mz::SignalLink tl = typedWithCallback.connect([](int) {});
+  EXPECT_EQ(std::vector<bool>{true}, baseEvents);
+  EXPECT_EQ(std::vector<bool>{true}, typedEvents);
+  EXPECT_TRUE(base.disconnect(bl));
+  EXPECT_TRUE(typedWithCallback.disconnect(tl));
+  EXPECT_EQ((std::vector<bool>{true, false}), baseEvents);
+  EXPECT_EQ((std::vector<bool>{true, false}), typedEvents);
+}
+
 // Emitters, stable subscribers and threads that keep connecting and
 // disconnecting all run at once: a subscriber connected throughout sees every
 // emission exactly once, link ids stay unique, and the on-subscribe callback
