@@ -8,6 +8,7 @@
 
 #include "jsonvalue.h"
 #include "mz/object.h"
+#include "net/catalogjson.h"
 
 namespace rxcli {
 
@@ -15,24 +16,6 @@ namespace {
 
 bool isTimestampEntry(const RX::RXValue& v) {
   return v.isArray() && v.getSize() == 3 && v[1].isInt() && v[2].isInt();
-}
-
-nlohmann::json methodJson(const mz::MetaMethod& m) {
-  nlohmann::json params = nlohmann::json::array();
-  for (const mz::MetaParameter& p : m.parameters)
-    params.push_back({{"name", p.name}, {"description", p.description}, {"type", mz::paramTypeName(p.type)}});
-  nlohmann::json entry = {{"name", m.name},
-                          {"className", m.className},
-                          {"description", m.description},
-                          {"mask", m.mask},
-                          {"signature", m.signature()},
-                          {"parameters", params}};
-  if (m.hasReturn)
-    entry["return"] = {
-        {"name", m.returnName}, {"description", m.returnDescription}, {"type", mz::paramTypeName(m.returnType)}};
-  else
-    entry["return"] = nullptr;
-  return entry;
 }
 
 }  // namespace
@@ -104,7 +87,7 @@ void Printer::catalogue(const std::string& module, const mz::MetaObject& meta, c
   if (json_) {
     nlohmann::json methods = nlohmann::json::array();
     for (const mz::MetaMethod& m : meta.methods)
-      if (method.empty() || m.name == method) methods.push_back(methodJson(m));
+      if (method.empty() || m.name == method) methods.push_back(net::methodToJson(m));
     nlohmann::json doc = {{"module", module}, {"description", meta.description}, {"methods", methods}};
     out_ << JsonValue::dump(doc) << '\n';
     return;

@@ -62,20 +62,38 @@ int score(const AnyValue& arg, ParamType param) {
   return 0;
 }
 
+// The total score of args against m's parameters, -1 when one does not fit.
+int scoreMethod(const MetaMethod& m, const GenericFunctionParameters& args) {
+  if (m.parameters.size() != args.size()) return -1;
+  int total = 0;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const int s = score(args[i], m.parameters[i].type);
+    if (s == 0) return -1;
+    total += s;
+  }
+  return total;
+}
+
+[[noreturn]] void throwNotFound(const MetaObject& meta, const std::string& objectName, const std::string& name,
+                                const GenericFunctionParameters& params) {
+  if (meta.findMethod(name).empty()) throw MethodNotFoundError(objectName + ": no method named " + name);
+  throw MethodNotFoundError(objectName + ": no method " + name + " accepting " +
+                            MetaObject::describeArguments(params));
+}
+
 // Resolves name against meta, or throws MethodNotFoundError saying what was
 // missing on behalf of objectName.
 unsigned int resolveOrThrow(const MetaObject& meta, const std::string& objectName, const std::string& name,
                             const GenericFunctionParameters& params) {
   const int uid = meta.resolve(name, params);
   if (uid >= 0) return static_cast<unsigned int>(uid);
-  if (meta.findMethod(name).empty()) throw MethodNotFoundError(objectName + ": no method named " + name);
-  throw MethodNotFoundError(objectName + ": no method " + name + " accepting " +
-                            MetaObject::describeArguments(params));
+  throwNotFound(meta, objectName, name, params);
 }
 
 // Runs a call whose caller does not wait for it: failures are logged because
 // there is nobody left to report them to.
-void runDetached(const std::string& objectName, const std::string& method, const std::function<void()>& call) {
+template <typename F>
+void runDetached(const std::string& objectName, const std::string& method, F&& call) {
   try {
     call();
   } catch (const std::exception& e) {
@@ -125,12 +143,8 @@ int MetaObject::resolve(const std::string& name, const GenericFunctionParameters
   int best = -1;
   int bestScore = -1;
   for (const MetaMethod& m : methods) {
-    if (m.name != name || m.parameters.size() != args.size()) continue;
-    int total = 0;
-    for (std::size_t i = 0; i < args.size() && total >= 0; ++i) {
-      const int s = score(args[i], m.parameters[i].type);
-      total = s == 0 ? -1 : total + s;
-    }
+    if (m.name != name) continue;
+    const int total = scoreMethod(m, args);
     // Strictly greater: on a tie the earlier publication keeps the call.
     if (total > bestScore) {
       bestScore = total;
@@ -167,8 +181,8 @@ AnyValue AnyObject::call(const std::string& method, const GenericFunctionParamet
   return checked().metaCall(method, params);
 }
 
-void AnyObject::post(const std::string& method, const GenericFunctionParameters& params) const {
-  checked().metaPost(method, params);
+void AnyObject::post(const std::string& method, GenericFunctionParameters params) const {
+  checked().metaPost(method, std::move(params));
 }
 
 Future<SignalLink> AnyObject::connect(const std::string& signal, SignalSubscriber subscriber,
@@ -211,7 +225,33 @@ unsigned int DynamicObject::advertiseMethod(MetaMethod method, Invoker invoker) 
   method.uid = static_cast<unsigned int>(meta_.methods.size());
   meta_.methods.push_back(std::move(method));
   invokers_.push_back(std::move(invoker));
+  overloads_[meta_.methods.back().name].push_back(meta_.methods.back().uid);
   return meta_.methods.back().uid;
+}
+
+void DynamicObject::rebuildOverloads() {
+  overloads_.clear();
+  for (std::size_t i = 0; i < meta_.methods.size(); ++i)
+    overloads_[meta_.methods[i].name].push_back(static_cast<unsigned int>(i));
+}
+
+unsigned int DynamicObject::resolveOrThrow(const std::string& method, const GenericFunctionParameters& params) const {
+  // Same choice as MetaObject::resolve: best total score, earliest on a tie.
+  auto found = overloads_.find(method);
+  if (found != overloads_.end()) {
+    int best = -1;
+    int bestScore = -1;
+    for (unsigned int index : found->second) {
+      const MetaMethod& m = meta_.methods[index];
+      const int total = scoreMethod(m, params);
+      if (total > bestScore) {
+        bestScore = total;
+        best = static_cast<int>(m.uid);
+      }
+    }
+    if (best >= 0) return static_cast<unsigned int>(best);
+  }
+  throwNotFound(meta_, objectName(), method, params);
 }
 
 void DynamicObject::setInvoker(unsigned int uid, Invoker invoker) {
@@ -232,13 +272,14 @@ unsigned int DynamicObject::advertiseSignal(const std::string& name, SignalBase*
 
 void DynamicObject::setMetaObject(const MetaObject& meta) {
   meta_ = meta;
+  rebuildOverloads();
   // Entries the new description adds have no invoker or signal yet.
   invokers_.resize(meta_.methods.size());
   signals_.resize(meta_.signals.size(), nullptr);
 }
 
 AnyValue DynamicObject::metaCall(const std::string& method, const GenericFunctionParameters& params) {
-  return metaCallById(resolveOrThrow(meta_, objectName(), method, params), params);
+  return metaCallById(resolveOrThrow(method, params), params);
 }
 
 AnyValue DynamicObject::metaCallById(unsigned int uid, const GenericFunctionParameters& params) {
@@ -249,11 +290,11 @@ AnyValue DynamicObject::metaCallById(unsigned int uid, const GenericFunctionPara
   return invokers_[uid](params);
 }
 
-void DynamicObject::metaPost(const std::string& method, const GenericFunctionParameters& params) {
+void DynamicObject::metaPost(const std::string& method, GenericFunctionParameters params) {
   // Resolved now, so that a call that can never succeed fails in the caller.
-  const unsigned int uid = resolveOrThrow(meta_, objectName(), method, params);
+  const unsigned int uid = resolveOrThrow(method, params);
   // REQUIRES (of the poster): it runs the task while this object lives, or drops it.
-  auto task = [this, uid, method, params] {
+  auto task = [this, uid, method, params = std::move(params)] {
     runDetached(objectName(), method, [&] { metaCallById(uid, params); });
   };
   if (poster_)
@@ -319,7 +360,7 @@ class RegisteredObject : public GenericObject {
       throw MethodNotFoundError(type_->typeName + ": no method with id " + std::to_string(uid));
     return type_->methods[uid](object_, params);
   }
-  void metaPost(const std::string& method, const GenericFunctionParameters& params) override {
+  void metaPost(const std::string& method, GenericFunctionParameters params) override {
     const unsigned int uid = resolveOrThrow(type_->meta, type_->typeName, method, params);
     runDetached(type_->typeName, method, [&] { metaCallById(uid, params); });
   }

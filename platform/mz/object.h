@@ -105,7 +105,9 @@ class GenericObject {
   // Calls by the uid of a resolved overload (saves the name lookup).
   virtual AnyValue metaCallById(unsigned int uid, const GenericFunctionParameters& params) = 0;
   // Queues the call and returns at once; throws when the target is gone.
-  virtual void metaPost(const std::string& method, const GenericFunctionParameters& params) = 0;
+  // The parameters are taken by value so that a caller done with them can
+  // move them into the queued call instead of having them copied.
+  virtual void metaPost(const std::string& method, GenericFunctionParameters params) = 0;
   virtual Future<SignalLink> metaConnect(const std::string& signal, SignalSubscriber subscriber,
                                          MetaCallType callType) = 0;
   virtual Future<void> metaDisconnect(SignalLink link) = 0;
@@ -136,7 +138,7 @@ class AnyObject {
     AnyValue r = call(method, GenericFunctionParameters{Conv<Args>::to(args)...});
     if constexpr (!std::is_void_v<R>) return Conv<R>::from(r);
   }
-  void post(const std::string& method, const GenericFunctionParameters& params) const;
+  void post(const std::string& method, GenericFunctionParameters params) const;
   Future<SignalLink> connect(const std::string& signal, SignalSubscriber subscriber,
                              MetaCallType callType = MetaCallType_Auto) const;
   // Connects a callable of one mz::AnyValue.
@@ -189,7 +191,7 @@ class DynamicObject : public GenericObject {
   const MetaObject& metaObject() const override { return meta_; }
   AnyValue metaCall(const std::string& method, const GenericFunctionParameters& params) override;
   AnyValue metaCallById(unsigned int uid, const GenericFunctionParameters& params) override;
-  void metaPost(const std::string& method, const GenericFunctionParameters& params) override;
+  void metaPost(const std::string& method, GenericFunctionParameters params) override;
   Future<SignalLink> metaConnect(const std::string& signal, SignalSubscriber subscriber,
                                  MetaCallType callType) override;
   Future<void> metaDisconnect(SignalLink link) override;
@@ -200,9 +202,19 @@ class DynamicObject : public GenericObject {
   virtual std::string objectName() const { return "object"; }
 
  private:
+  // The overload of `method` for these arguments, or MethodNotFoundError.
+  unsigned int resolveOrThrow(const std::string& method, const GenericFunctionParameters& params) const;
+  void rebuildOverloads();
+
+  // Set while the object is built, read-only once it is shared.
   MetaObject meta_;
   std::vector<Invoker> invokers_;       // by method uid
   std::vector<SignalBase*> signals_;    // by signal uid
+  // The indexes in meta_.methods of each name, in publication order: a call then
+  // scores only the few overloads of its name instead of scanning the whole
+  // catalogue and comparing every name, which matters for posted
+  // notifications that each resolve their callback again.
+  std::unordered_map<std::string, std::vector<unsigned int>> overloads_;
   Poster poster_;
 };
 

@@ -2,7 +2,6 @@
 
 #include <httplib.h>
 
-#include <nlohmann/json.hpp>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -10,7 +9,7 @@
 #include <thread>
 
 #include "mz/object.h"
-#include "mz/typeconv.h"
+#include "net/catalogjson.h"
 #include "rx/rxbroker.h"
 #include "rx/rxlog.h"
 #include "rx/rxmodule.h"
@@ -26,22 +25,6 @@ namespace {
 RX::log::Category& httpLog() {
   static RX::log::Category& category = RX::log::category("rx.http");
   return category;
-}
-
-// Escapes text for the index page (module pages are the modules' own business).
-std::string escape(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '&': out += "&amp;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
-    }
-  }
-  return out;
 }
 
 void setCommonHeaders(httplib::Response& res) {
@@ -141,23 +124,23 @@ std::string HttpStatusServer::url() const {
 std::string HttpStatusServer::indexPage() const {
   RX::RXBroker& broker = *impl_->broker;
   std::ostringstream os;
-  os << "<!DOCTYPE html><html><head><meta charset=\"utf-8\"><title>" << escape(broker.getName())
+  os << "<!DOCTYPE html><html><head><meta charset=\"utf-8\"><title>" << RX::htmlEscape(broker.getName())
      << "</title><style>body, h1, th, td {font-family: verdana;} td, th {font-size: 12px; padding: 2px; "
         "text-align: left;}</style></head><body>\n<h1>"
-     << escape(broker.getName()) << "</h1>\n<h4>Modules</h4>\n<table><tr><th>Module</th><th>Description</th>"
+     << RX::htmlEscape(broker.getName()) << "</h1>\n<h4>Modules</h4>\n<table><tr><th>Module</th><th>Description</th>"
      << "<th>Methods</th></tr>\n";
   for (const std::string& name : broker.moduleNames()) {
     boost::shared_ptr<RX::RXModule> module = broker.getModule(name);
     if (!module) continue;  // left since the listing
-    os << "<tr><td><a href=\"/" << escape(name) << "\">" << escape(name) << "</a></td><td>"
-       << escape(module->getModuleDescription()) << "</td><td><a href=\"/" << escape(name)
+    os << "<tr><td><a href=\"/" << RX::htmlEscape(name) << "\">" << RX::htmlEscape(name) << "</a></td><td>"
+       << RX::htmlEscape(module->getModuleDescription()) << "</td><td><a href=\"/" << RX::htmlEscape(name)
        << "/methods.json\">" << module->methods().size() << " methods</a></td></tr>\n";
   }
   os << "</table>\n<h4>Dropped notifications</h4>\n";
   std::map<std::string, uint64_t> dropped = broker.droppedCounts();
   os << "<table><tr><th>Subscriber module</th><th>Dropped</th></tr>\n";
   for (const auto& entry : dropped)
-    os << "<tr><td>" << escape(entry.first) << "</td><td>" << entry.second << "</td></tr>\n";
+    os << "<tr><td>" << RX::htmlEscape(entry.first) << "</td><td>" << entry.second << "</td></tr>\n";
   os << "</table>\n</body></html>\n";
   return os.str();
 }
@@ -166,23 +149,7 @@ std::string HttpStatusServer::methodsJson(const std::string& name) const {
   boost::shared_ptr<RX::RXModule> module = impl_->broker->getModule(name);
   if (!module) return std::string();
   nlohmann::json methods = nlohmann::json::array();
-  for (const mz::MetaMethod& m : module->methods()) {
-    nlohmann::json params = nlohmann::json::array();
-    for (const mz::MetaParameter& p : m.parameters)
-      params.push_back({{"name", p.name}, {"description", p.description}, {"type", mz::paramTypeName(p.type)}});
-    nlohmann::json entry = {{"name", m.name},
-                            {"className", m.className},
-                            {"description", m.description},
-                            {"mask", m.mask},
-                            {"signature", m.signature()},
-                            {"parameters", params}};
-    if (m.hasReturn)
-      entry["return"] = {
-          {"name", m.returnName}, {"description", m.returnDescription}, {"type", mz::paramTypeName(m.returnType)}};
-    else
-      entry["return"] = nullptr;
-    methods.push_back(entry);
-  }
+  for (const mz::MetaMethod& m : module->methods()) methods.push_back(methodToJson(m));
   nlohmann::json doc = {{"module", name}, {"description", module->getModuleDescription()}, {"methods", methods}};
   return doc.dump(2) + "\n";
 }

@@ -413,7 +413,7 @@ void Peer::deliverEmit(std::uint32_t /*linkId*/, const mz::SignalSubscriber& sub
 void Peer::deliverPost(std::uint32_t /*objectId*/, const mz::AnyObject& target, std::string method,
                        mz::GenericFunctionParameters params) {
   // Modules queue their posted calls on the broker's executor themselves.
-  target.post(method, params);
+  target.post(method, std::move(params));
 }
 
 [[noreturn]] void Peer::throwGone() const { throw mz::ObjectGoneError(peerName() + " has gone away"); }

@@ -181,8 +181,8 @@ mz::AnyValue RemoteObject::metaCallById(unsigned int uid, const mz::GenericFunct
   return call(RX::RXValue(static_cast<int>(uid)), params);
 }
 
-void RemoteObject::metaPost(const std::string& method, const mz::GenericFunctionParameters& params) {
-  if (bridge_->isClosed()) return redirect()->metaPost(method, params);
+void RemoteObject::metaPost(const std::string& method, mz::GenericFunctionParameters params) {
+  if (bridge_->isClosed()) return redirect()->metaPost(method, std::move(params));
   // Like a local object, refuse at once a post that can never run, when the
   // catalogue is known (services always come with theirs).
   if (metaKnown_.load(std::memory_order_acquire) && resolveCached(method, params) < 0)

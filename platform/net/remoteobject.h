@@ -54,7 +54,7 @@ class RemoteObject : public mz::GenericObject {
   const mz::MetaObject& metaObject() const override;
   mz::AnyValue metaCall(const std::string& method, const mz::GenericFunctionParameters& params) override;
   mz::AnyValue metaCallById(unsigned int uid, const mz::GenericFunctionParameters& params) override;
-  void metaPost(const std::string& method, const mz::GenericFunctionParameters& params) override;
+  void metaPost(const std::string& method, mz::GenericFunctionParameters params) override;
   mz::Future<mz::SignalLink> metaConnect(const std::string& signal, mz::SignalSubscriber subscriber,
                                          mz::MetaCallType callType) override;
   mz::Future<void> metaDisconnect(mz::SignalLink link) override;

@@ -26,10 +26,45 @@ const log::Category& executorLog() {
 // thread back to the pool, so one busy queue cannot starve the others.
 constexpr std::size_t kDrainBatch = 64;
 
+// How long a drain job that has emptied its queue keeps watching it before
+// giving the thread back. Waking an idle pool thread costs the poster a
+// futex call and often a context switch, several times the cost of the post
+// itself; a burst of notifications arriving every microsecond or so is
+// served by the watching job without any wake-up. Short enough that an idle
+// queue costs next to nothing.
+constexpr std::chrono::microseconds kLinger(20);
+
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+// A queue's lock is held for a push or a pop, a few dozen nanoseconds, by a
+// poster and the drain job that run at the same time on the two cores. A
+// plain mutex puts the loser to sleep and makes the winner pay a futex wake;
+// trying again a few times first almost always gets it without either.
+class SpinThenBlockMutex {
+ public:
+  void lock() {
+    for (int i = 0; i < 64; ++i) {
+      if (mutex_.try_lock()) return;
+      cpuRelax();
+    }
+    mutex_.lock();
+  }
+  bool try_lock() { return mutex_.try_lock(); }
+  void unlock() { mutex_.unlock(); }
+
+ private:
+  std::mutex mutex_;
+};
+
 // Pool threads must never see an exception: one escaping a handler would end
 // the process. The task's failure is logged and the queue goes on.
 // `label` names the queue, empty for a task posted to the executor itself.
-void runGuarded(const std::function<void()>& task, const std::string& label) {
+template <typename F>
+void runGuarded(F& task, const std::string& label) {
   try {
     task();
   } catch (const std::exception& e) {
@@ -74,20 +109,29 @@ struct RXExecutor::Impl {
   std::mutex joinMutex;
   bool joined = false;  // guarded by joinMutex
 
-  // Accepted tasks not yet run or dropped, for drain().
+  // Accepted tasks not yet run or dropped, for drain(). Counted without the
+  // lock, which is taken only to wake drain() when the count reaches zero:
+  // drain() tests the count under it, so that wake-up cannot be missed.
   std::mutex idleMutex;
   std::condition_variable idle;
-  int64_t outstanding = 0;  // guarded by idleMutex
+  std::atomic<int64_t> outstanding{0};
 
-  void added(int64_t n) {
-    std::lock_guard<std::mutex> lock(idleMutex);
-    outstanding += n;
-  }
+  // Jobs handed to the pool that no thread has started yet: a drain job
+  // stops watching its empty queue as soon as others wait for a thread.
+  std::atomic<int> waitingJobs{0};
+
+  void added(int64_t n) { outstanding.fetch_add(n, std::memory_order_acq_rel); }
   void finished(int64_t n) {
+    if (outstanding.fetch_sub(n, std::memory_order_acq_rel) - n > 0) return;
     std::lock_guard<std::mutex> lock(idleMutex);
-    outstanding -= n;
-    if (outstanding <= 0) idle.notify_all();
+    idle.notify_all();
   }
+  template <typename Job>
+  void schedule(Job&& job) {
+    waitingJobs.fetch_add(1, std::memory_order_relaxed);
+    boost::asio::post(pool, std::forward<Job>(job));
+  }
+  void started() { waitingJobs.fetch_sub(1, std::memory_order_relaxed); }
 };
 
 RXExecutor::RXExecutor(unsigned int threads)
@@ -99,7 +143,8 @@ void RXExecutor::post(std::function<void()> task) {
   std::shared_lock<std::shared_mutex> gate(impl_->gate);
   if (!impl_->accepting) throw ExecutorStoppedError("executor stopped: task refused");
   impl_->added(1);
-  boost::asio::post(impl_->pool, [task = std::move(task), pool = impl_.get()] {
+  impl_->schedule([task = std::move(task), pool = impl_.get()] {
+    pool->started();
     RunningOn running(pool);
     runGuarded(task, std::string());
     pool->finished(1);
@@ -110,7 +155,7 @@ bool RXExecutor::drain(std::chrono::milliseconds timeout) {
   if (tRunningPool == impl_.get())
     throw std::logic_error("RXExecutor::drain called from one of the executor's own threads");
   std::unique_lock<std::mutex> lock(impl_->idleMutex);
-  return impl_->idle.wait_for(lock, timeout, [&] { return impl_->outstanding <= 0; });
+  return impl_->idle.wait_for(lock, timeout, [&] { return impl_->outstanding.load() <= 0; });
 }
 
 std::shared_ptr<SerialQueue> RXExecutor::makeQueue(const std::string& label, std::size_t capacity) {
@@ -147,12 +192,15 @@ struct SerialQueue::State {
   RXExecutor::Impl* pool = nullptr;
 
   // Guarded by mutex.
-  mutable std::mutex mutex;
+  mutable SpinThenBlockMutex mutex;
   std::deque<std::function<void()>> tasks;
   bool scheduled = false;  // a drain job is in the pool or running
   bool closed = false;
   std::chrono::steady_clock::time_point lastDropLog{};
   bool droppedBefore = false;
+
+  // tasks.size(), written under mutex, read without it by a lingering job.
+  std::atomic<std::size_t> queued{0};
 };
 
 SerialQueue::SerialQueue(std::weak_ptr<RXExecutor> executor, std::string label, std::size_t capacity)
@@ -174,16 +222,18 @@ void SerialQueue::post(std::function<void()> task) {
     std::shared_lock<std::shared_mutex> gate(impl.gate);
     if (!impl.accepting) throw ExecutorStoppedError("executor stopped: queue " + label_ + " refuses the call");
     bool schedule = false;
+    bool droppedOne = false;
     {
-      std::lock_guard<std::mutex> lock(state_->mutex);
+      std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
       if (state_->closed) throw ExecutorStoppedError("queue " + label_ + " is closed");
       if (state_->tasks.size() >= capacity_.load()) {
         // Only the newest call is sure to be worth running for a slow target
         // (notifications carry the latest value), so the oldest one goes.
         droppedTask = std::move(state_->tasks.front());
         state_->tasks.pop_front();
+        state_->queued.store(state_->tasks.size(), std::memory_order_release);
         dropped_.fetch_add(1);
-        impl.finished(1);
+        droppedOne = true;
         auto now = std::chrono::steady_clock::now();
         if (!state_->droppedBefore || now - state_->lastDropLog >= std::chrono::seconds(1)) {
           state_->droppedBefore = true;
@@ -192,36 +242,51 @@ void SerialQueue::post(std::function<void()> task) {
         }
       }
       state_->tasks.push_back(std::move(task));
+      state_->queued.store(state_->tasks.size(), std::memory_order_release);
       impl.added(1);
+      // The dropped task leaves the count only now, so that drain() never
+      // sees it reach zero while the new one waits.
+      if (droppedOne) impl.finished(1);
       if (!state_->scheduled) {
         state_->scheduled = true;
         schedule = true;
       }
     }
-    if (schedule) boost::asio::post(impl.pool, [self = shared_from_this()] { self->runSome(); });
+    if (schedule) impl.schedule([self = shared_from_this()] { self->runSome(); });
   }
   if (logDrop) RX_WARNING(executorLog(), "queue " << label_ << " full: dropped " << dropped_.load() << " pending calls");
 }
 
 void SerialQueue::runSome() {
-  RunningOn running(state_->pool);
-  for (std::size_t n = 0; n < kDrainBatch; ++n) {
+  RXExecutor::Impl& pool = *state_->pool;
+  pool.started();
+  RunningOn running(&pool);
+  std::size_t ran = 0;
+  while (ran < kDrainBatch) {
     std::function<void()> task;
     {
-      std::lock_guard<std::mutex> lock(state_->mutex);
+      std::unique_lock<SpinThenBlockMutex> lock(state_->mutex);
       if (state_->tasks.empty()) {
-        state_->scheduled = false;
-        return;
+        lock.unlock();
+        if (lingerForWork()) continue;
+        lock.lock();
+        // A post may have come in just as the watch ended.
+        if (state_->tasks.empty()) {
+          state_->scheduled = false;
+          return;
+        }
       }
       task = std::move(state_->tasks.front());
       state_->tasks.pop_front();
+      state_->queued.store(state_->tasks.size(), std::memory_order_release);
     }
     runGuarded(task, label_);
     executed_.fetch_add(1);
-    state_->pool->finished(1);
+    pool.finished(1);
+    ++ran;
   }
   {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
     if (state_->tasks.empty()) {
       state_->scheduled = false;
       return;
@@ -229,15 +294,28 @@ void SerialQueue::runSome() {
   }
   // More remain: go to the back of the pool's line. This job is still
   // outstanding work, so the pool cannot have been joined in between.
-  boost::asio::post(state_->pool->pool, [self = shared_from_this()] { self->runSome(); });
+  pool.schedule([self = shared_from_this()] { self->runSome(); });
+}
+
+bool SerialQueue::lingerForWork() const {
+  const RXExecutor::Impl& pool = *state_->pool;
+  const auto deadline = std::chrono::steady_clock::now() + kLinger;
+  for (unsigned int spins = 1;; ++spins) {
+    if (state_->queued.load(std::memory_order_acquire) != 0) return true;
+    // Another queue's job needs this thread more.
+    if (pool.waitingJobs.load(std::memory_order_relaxed) > 0) return false;
+    cpuRelax();
+    if (spins % 32 == 0 && std::chrono::steady_clock::now() >= deadline) return false;
+  }
 }
 
 void SerialQueue::close() {
   std::deque<std::function<void()>> droppedTasks;  // destroyed outside the lock
   {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
     state_->closed = true;
     droppedTasks.swap(state_->tasks);
+    state_->queued.store(0, std::memory_order_release);
   }
   if (droppedTasks.empty()) return;
   if (std::shared_ptr<RXExecutor> executor = executor_.lock())
@@ -245,14 +323,14 @@ void SerialQueue::close() {
 }
 
 bool SerialQueue::isClosed() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
   return state_->closed;
 }
 
 void SerialQueue::setCapacity(std::size_t capacity) { capacity_.store(std::max<std::size_t>(1, capacity)); }
 
 std::size_t SerialQueue::pending() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
   return state_->tasks.size();
 }
 

@@ -39,8 +39,8 @@ class WeakModuleObject : public mz::GenericObject {
   mz::AnyValue metaCallById(unsigned int uid, const mz::GenericFunctionParameters& params) override {
     return lock()->metaCallById(uid, params);
   }
-  void metaPost(const std::string& method, const mz::GenericFunctionParameters& params) override {
-    lock()->metaPost(method, params);
+  void metaPost(const std::string& method, mz::GenericFunctionParameters params) override {
+    lock()->metaPost(method, std::move(params));
   }
   mz::Future<mz::SignalLink> metaConnect(const std::string& signal, mz::SignalSubscriber subscriber,
                                          mz::MetaCallType callType) override {
@@ -66,6 +66,8 @@ class WeakModuleObject : public mz::GenericObject {
   mz::MetaObject meta_;
 };
 
+}  // namespace
+
 std::string htmlEscape(const std::string& text) {
   std::string out;
   out.reserve(text.size());
@@ -81,8 +83,6 @@ std::string htmlEscape(const std::string& text) {
   }
   return out;
 }
-
-}  // namespace
 
 RXModule::RXModule(boost::shared_ptr<RXBroker> broker, const std::string& name) : broker_(broker), name_(name) {
   if (!broker) throw RXError("RXModule", "RXModule", "module " + name + " needs a broker");
@@ -172,13 +172,13 @@ void RXModule::publish(mz::DynamicObject::Invoker invoker, std::vector<mz::Param
   haveCurrent_ = false;
 }
 
-void RXModule::metaPost(const std::string& method, const mz::GenericFunctionParameters& params) {
+void RXModule::metaPost(const std::string& method, mz::GenericFunctionParameters params) {
   boost::weak_ptr<RXModule> weak = weak_from_this();
   if (hasExited() || !queue_ || weak.expired()) throw mz::ObjectGoneError(goneMessage(name_));
   try {
     // The task holds only a weak reference: a module destroyed before its
     // turn comes is simply not called.
-    queue_->post([weak, method, params] {
+    queue_->post([weak = std::move(weak), method, params = std::move(params)] {
       boost::shared_ptr<RXModule> self = weak.lock();
       if (!self) return;
       try {

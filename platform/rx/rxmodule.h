@@ -37,6 +37,10 @@ namespace RX {
 class RXBroker;
 class SerialQueue;
 
+// Escapes text for HTML (&, <, >, " and '): for the pages the framework
+// writes about modules. A module's own page (httpGet) escapes as it sees fit.
+std::string htmlEscape(const std::string& text);
+
 class RXModule : public mz::DynamicObject, public boost::enable_shared_from_this<RXModule> {
  public:
   RXModule(boost::shared_ptr<RXBroker> broker, const std::string& name);
@@ -69,7 +73,7 @@ class RXModule : public mz::DynamicObject, public boost::enable_shared_from_this
 
   // Posted calls run on the broker's executor, one at a time and in order
   // for this module. Throws mz::ObjectGoneError once the module has exited.
-  void metaPost(const std::string& method, const mz::GenericFunctionParameters& params) override;
+  void metaPost(const std::string& method, mz::GenericFunctionParameters params) override;
   // A handle that designates this module without keeping it alive: calls
   // through it throw mz::ObjectGoneError once the module is destroyed.
   mz::AnyObject weakObject();

@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -260,6 +261,109 @@ TEST(DynamicObject, PostRunsAtOnceOrThroughPoster) {
   EXPECT_EQ((std::vector<int>{1, 2}), ran);
   ASSERT_EQ(1u, logged.size()) << "the failing posted call is logged";
   EXPECT_NE(std::string::npos, logged[0].find("negative note")) << logged[0];
+}
+
+TEST(DynamicObject, CatalogueReplacedBySetMetaObjectIsResolvedAfresh) {
+  std::vector<std::string> hit;
+  NamedObject o("Store");
+  o.add<int>("ping", "ping", &hit);
+  o.add<std::string>("get", "old get", &hit);
+
+  // Overloads of one name scattered among other names, as a catalogue
+  // received from elsewhere may list them.
+  mz::MetaObject meta;
+  const std::vector<std::pair<std::string, std::vector<mz::ParamType>>> entries = {
+      {"get", {mz::ParamType::String}},
+      {"put", {mz::ParamType::String, mz::ParamType::Int}},
+      {"get", {mz::ParamType::String, mz::ParamType::Int}},
+      {"put", {mz::ParamType::String, mz::ParamType::Value}},
+      {"put", {mz::ParamType::String, mz::ParamType::String}},
+  };
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    mz::MetaMethod m;
+    m.uid = static_cast<unsigned int>(i);
+    m.name = entries[i].first;
+    for (mz::ParamType t : entries[i].second) m.parameters.push_back(param("p", t));
+    meta.methods.push_back(m);
+  }
+  o.setMetaObject(meta);
+  for (unsigned int uid = 0; uid < entries.size(); ++uid)
+    o.setInvoker(uid, [uid, &hit](const mz::GenericFunctionParameters&) {
+      hit.push_back("uid " + std::to_string(uid));
+      return mz::AnyValue();
+    });
+
+  const std::vector<std::pair<std::string, mz::GenericFunctionParameters>> calls = {
+      {"get", {mz::AnyValue("k")}},
+      {"get", {mz::AnyValue("k"), mz::AnyValue(1)}},
+      {"put", {mz::AnyValue("k"), mz::AnyValue(1)}},
+      {"put", {mz::AnyValue("k"), mz::AnyValue("v")}},
+      {"put", {mz::AnyValue("k"), mz::AnyValue(1.5f)}},
+  };
+  for (const auto& [name, args] : calls) o.metaCall(name, args);
+  EXPECT_EQ((std::vector<std::string>{"uid 0", "uid 2", "uid 1", "uid 4", "uid 3"}), hit);
+  // The object's own lookup and the catalogue's agree on every call.
+  hit.clear();
+  for (const auto& [name, args] : calls) o.metaCallById(static_cast<unsigned int>(meta.resolve(name, args)), args);
+  EXPECT_EQ((std::vector<std::string>{"uid 0", "uid 2", "uid 1", "uid 4", "uid 3"}), hit);
+
+  // Names of the replaced catalogue are gone; wrong kinds are still named.
+  EXPECT_EQ("Store: no method named ping", errorOf([&] { o.metaCall("ping", {mz::AnyValue(1)}); }));
+  EXPECT_EQ("Store: no method get accepting (string, float)",
+            errorOf([&] { o.metaCall("get", {mz::AnyValue("k"), mz::AnyValue(1.5f)}); }));
+  EXPECT_EQ("Store: no method named ping", errorOf([&] { o.metaPost("ping", {mz::AnyValue(1)}); }));
+
+  // Methods advertised afterwards join the lookup.
+  o.add<int>("ping", "new ping", &hit);
+  hit.clear();
+  o.metaCall("ping", {mz::AnyValue(7)});
+  EXPECT_EQ(std::vector<std::string>{"new ping"}, hit);
+}
+
+// Counts the copies made of it, wherever they happen.
+struct CopyCounted {
+  explicit CopyCounted(std::shared_ptr<int> c) : copies(std::move(c)) {}
+  CopyCounted(const CopyCounted& o) : copies(o.copies) { ++*copies; }
+  CopyCounted(CopyCounted&&) noexcept = default;
+  CopyCounted& operator=(const CopyCounted&) = delete;
+  CopyCounted& operator=(CopyCounted&&) = delete;
+  std::shared_ptr<int> copies;
+};
+
+TEST(AnyObject, PostMovesTheArgumentsIntoTheQueuedCall) {
+  NamedObject o("Sink");
+  mz::MetaMethod m;
+  m.name = "take";
+  m.parameters = {param("v", mz::ParamType::Value)};
+  int received = 0;
+  o.advertiseMethod(m, [&](const mz::GenericFunctionParameters& p) {
+    if (p.size() == 1 && p[0].otherAs<CopyCounted>()) ++received;
+    return mz::AnyValue();
+  });
+  std::vector<std::function<void()>> queue;
+  o.setPoster([&](std::function<void()> task) { queue.push_back(std::move(task)); });
+  mz::AnyObject obj(std::shared_ptr<mz::GenericObject>(&o, [](mz::GenericObject*) {}));
+
+  auto copies = std::make_shared<int>(0);
+  auto params = [&] {
+    mz::GenericFunctionParameters p;
+    p.push_back(mz::AnyValue::fromOther(CopyCounted(copies)));
+    return p;
+  };
+  mz::GenericFunctionParameters kept = params();
+  *copies = 0;
+  obj.post("take", kept);
+  EXPECT_EQ(1, *copies) << "arguments the caller keeps are copied once";
+
+  *copies = 0;
+  mz::GenericFunctionParameters given = params();
+  obj.post("take", std::move(given));
+  o.metaPost("take", params());
+  EXPECT_EQ(0, *copies) << "arguments handed over were copied on their way to the queue";
+  ASSERT_EQ(3u, queue.size());
+  for (auto& task : queue) task();
+  EXPECT_EQ(3, received);
+  EXPECT_EQ(0, *copies) << "running the queued call copied its arguments";
 }
 
 TEST(DynamicObject, SignalsByName) {

@@ -310,6 +310,79 @@ TEST(RXExecutor, ClosedQueueDropsPendingTasksAndRefusesNewOnes) {
   EXPECT_EQ(0u, queue->dropped()) << "closing is not an overflow";
 }
 
+// A drain job that empties its queue watches it for a moment before giving
+// its thread back; posts landing before, during and just after that watch
+// must all run, in order, and drain() must wait for every one of them.
+TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) {
+  auto executor = std::make_shared<RX::RXExecutor>(2);
+  std::vector<std::shared_ptr<RX::SerialQueue>> queues;
+  for (int q = 0; q < 3; ++q) queues.push_back(executor->makeQueue("Q" + std::to_string(q)));
+
+  // One task at a time, each posted a little later after the previous one
+  // ran, so that posts fall on every moment of the idle watch and after it.
+  std::mutex mutex;
+  std::condition_variable cond;
+  int ran = 0;  // guarded by mutex
+  for (int i = 0; i < 3000; ++i) {
+    const auto pause = std::chrono::microseconds(i % 60);
+    for (auto until = std::chrono::steady_clock::now() + pause; std::chrono::steady_clock::now() < until;) {
+    }
+    queues[i % 3]->post([&] {
+      std::lock_guard<std::mutex> lock(mutex);
+      ++ran;
+      cond.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(cond.wait_for(lock, kWait, [&] { return ran == i + 1; }))
+        << "task " << i << " posted to Q" << i % 3 << " never ran";
+  }
+
+  // Bursts from several threads at once: per poster and queue, in order.
+  constexpr int kPosters = 4;
+  constexpr int kPerPoster = 3000;
+  std::vector<std::vector<int>> last(kPosters, std::vector<int>(3, -1));  // each cell touched by one queue
+  std::atomic<int> outOfOrder{0};
+  std::atomic<int> done{0};
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kPosters; ++t)
+    posters.emplace_back([&, t] {
+      for (int i = 0; i < kPerPoster; ++i) {
+        const int q = (i / 7 + t) % 3;
+        queues[q]->post([&, t, q, i] {
+          if (last[t][q] >= i) ++outOfOrder;
+          last[t][q] = i;
+          ++done;
+        });
+      }
+    });
+  for (std::thread& poster : posters) poster.join();
+  ASSERT_TRUE(executor->drain(kWait)) << "drain timed out with " << done.load() << " tasks run";
+  EXPECT_EQ(kPosters * kPerPoster, done.load()) << "drain returned before every task ran";
+  EXPECT_EQ(0, outOfOrder.load());
+  uint64_t executed = 0;
+  for (const auto& queue : queues) {
+    executed += queue->executed();
+    EXPECT_EQ(0u, queue->pending());
+    EXPECT_EQ(0u, queue->dropped());
+  }
+  EXPECT_EQ(uint64_t{3000 + kPosters * kPerPoster}, executed);
+
+  // drain() from a pool thread would wait for itself.
+  std::promise<std::string> refused;
+  queues[0]->post([&] {
+    try {
+      executor->drain(kWait);
+      refused.set_value("drain returned");
+    } catch (const std::logic_error& e) {
+      refused.set_value(e.what());
+    }
+  });
+  std::future<std::string> outcome = refused.get_future();
+  ASSERT_EQ(std::future_status::ready, outcome.wait_for(kWait));
+  EXPECT_EQ("RXExecutor::drain called from one of the executor's own threads", outcome.get());
+  executor->shutdown();
+}
+
 TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   auto broker = RX::RXBroker::create("b");
   auto received = std::make_shared<Received>();
