@@ -244,7 +244,7 @@ class ClientSession::Link : public ObjectBridge {
 
   void deliverPost(std::uint32_t objectId, const mz::AnyObject& target, std::string method,
                    mz::GenericFunctionParameters params) override {
-    queueFor(objectId, "posts to object " + std::to_string(objectId))
+    postQueueFor(objectId, target)
         ->post([target, method = std::move(method), params = std::move(params)] {
           try {
             target.call(method, params);
@@ -254,7 +254,24 @@ class ClientSession::Link : public ObjectBridge {
         });
   }
 
-  void onExportDropped(std::uint32_t objectId) override { dropQueue(objectId); }
+ public:
+  // Drops of the queues towards our services, by service name.
+  std::map<std::string, std::uint64_t> droppedCounts() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::map<std::string, std::uint64_t> counts;
+    for (const auto& named : serviceQueues_) {
+      auto queue = queues_.find(named.first);
+      if (queue != queues_.end()) counts[named.second] += queue->second->dropped();
+    }
+    return counts;
+  }
+
+ protected:
+  void onExportDropped(std::uint32_t objectId) override {
+    dropQueue(objectId);
+    std::lock_guard<std::mutex> lock(mutex_);
+    serviceQueues_.erase(objectId);
+  }
   void onInboundLinkDropped(std::uint32_t linkId) override { dropQueue(kLinkQueue | linkId); }
 
  private:
@@ -335,8 +352,43 @@ class ClientSession::Link : public ObjectBridge {
     std::lock_guard<std::mutex> lock(mutex_);
     if (shut_) throwGone();
     std::shared_ptr<RX::SerialQueue>& q = queues_[key];
-    if (!q) q = executor_->makeQueue(label);
+    if (!q) q = executor_->makeQueue(label, options_.queueCapacity);
     return q;
+  }
+
+  // The queue of posts to one of our objects, named and counted after the
+  // service the object is registered as, if any.
+  std::shared_ptr<RX::SerialQueue> postQueueFor(std::uint32_t objectId, const mz::AnyObject& target) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (shut_) throwGone();
+      auto q = queues_.find(objectId);
+      if (q != queues_.end() && serviceQueues_.count(objectId)) return q->second;
+    }
+    // A post may come before the service's local registration is complete:
+    // the name is looked for again on the next post until found.
+    const std::string name = serviceNameOf(target);
+    std::shared_ptr<RX::SerialQueue> queue =
+        queueFor(objectId, name.empty() ? "posts to object " + std::to_string(objectId) : "posts to service " + name);
+    if (!name.empty()) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (queues_.count(objectId)) serviceQueues_.emplace(objectId, name);
+    }
+    return queue;
+  }
+
+  // The name under which `target` is registered in this process; empty when none.
+  std::string serviceNameOf(const mz::AnyObject& target) const {
+    auto owner = owner_.lock();
+    if (!owner || !target.isValid()) return std::string();
+    const void* identity = target.impl()->identity();
+    for (const mz::ServiceInfo& info : owner->mz::Session::services()) {
+      mz::Future<mz::AnyObject> local = owner->mz::Session::service(info.name);
+      if (!local.hasValue()) continue;
+      const mz::AnyObject object = local.value();
+      if (object.isValid() && object.impl()->identity() == identity) return info.name;
+    }
+    return std::string();
   }
 
   void dropQueue(std::uint64_t key) {
@@ -469,6 +521,7 @@ class ClientSession::Link : public ObjectBridge {
   std::vector<std::shared_ptr<Connection>> idle_;
   std::vector<std::weak_ptr<Connection>> all_;
   std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> queues_;
+  std::unordered_map<std::uint64_t, std::string> serviceQueues_;  // queue key -> service name
 };
 
 // ---- ClientSession ----
@@ -498,7 +551,7 @@ ClientSession::ClientSession(const std::string& endpoint, const Options& options
         return o;
       }()),
       executor_(std::make_shared<RX::RXExecutor>(std::max(2u, options.executorThreads))),
-      serviceEvents_(executor_->makeQueue("service events from " + endpointText_)) {}
+      serviceEvents_(executor_->makeQueue("service events from " + endpointText_, options_.queueCapacity)) {}
 
 ClientSession::~ClientSession() { close(); }
 
@@ -529,6 +582,15 @@ std::shared_ptr<ClientSession::Link> ClientSession::currentLink() const {
 }
 
 bool ClientSession::isConnected() const { return currentLink() != nullptr; }
+
+std::map<std::string, std::uint64_t> ClientSession::droppedCounts() const {
+  std::shared_ptr<Link> link;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    link = link_;
+  }
+  return link ? link->droppedCounts() : std::map<std::string, std::uint64_t>();
+}
 
 std::string ClientSession::brokerName() const {
   std::shared_ptr<Link> link = currentLink();

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -59,6 +60,10 @@ class ClientSession : public mz::Session, public std::enable_shared_from_this<Cl
     std::chrono::milliseconds reconnectMax{2000};
     bool reconnect = true;
     std::size_t maxIdleConnections = 8;  // call connections kept open between calls
+    // Posts from the broker waiting for one of our objects (and emissions of
+    // one link); beyond this the oldest waiting one is dropped and counted, so
+    // a slow service neither stalls the reader nor grows memory without bound.
+    std::size_t queueCapacity = 10000;
     Limits limits;                       // what the broker may make us decode
   };
 
@@ -91,6 +96,11 @@ class ClientSession : public mz::Session, public std::enable_shared_from_this<Cl
   // The broker's name from the handshake; empty while disconnected.
   std::string brokerName() const;
   RX::RXExecutor& executor() const { return *executor_; }
+  // Posts from the broker dropped because a local service's queue was full,
+  // by service name, on the current connection. A client RXBroker can show
+  // them with its own: broker->addDropCounter([s] { return s->droppedCounts(); })
+  // (capture a weak_ptr when the broker outlives the session).
+  std::map<std::string, std::uint64_t> droppedCounts() const;
 
   // Closes every connection and stops reconnecting; the broker sees the
   // sockets close and forgets this client (its services, links, references).

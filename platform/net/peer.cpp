@@ -246,6 +246,9 @@ void Peer::serveRegisterService(Message& request, Message& out) {
     if (request.fields.size() > 2 && request.fields[2].isArray())
       remote->setMetaObject(decodeMetaObject(request.fields[2]));
     remote->setDisplayName(name);
+    // Posts to the service are queued, capped and counted under its name.
+    std::lock_guard<std::mutex> lock(mutex_);
+    serviceNames_[remote->remoteId()] = name;
   }
   unsigned int id;
   {
@@ -361,15 +364,29 @@ std::shared_ptr<RX::SerialQueue> Peer::postQueue(std::uint64_t id) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (closed_) throwGone();
   std::shared_ptr<RX::SerialQueue>& queue = postQueues_[id];
-  if (!queue)
-    queue = executor_->makeQueue("posts to object " + std::to_string(id) + " of " + peerName(),
-                                 settings_.queueCapacity);
+  if (!queue) {
+    auto named = serviceNames_.find(id);
+    const std::string target = named != serviceNames_.end() ? "service " + named->second
+                                                            : "object " + std::to_string(id);
+    queue = executor_->makeQueue("posts to " + target + " of " + peerName(), settings_.queueCapacity);
+  }
   return queue;
+}
+
+std::map<std::string, std::uint64_t> Peer::droppedCounts() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::map<std::string, std::uint64_t> counts;
+  for (const auto& named : serviceNames_) {
+    auto queue = postQueues_.find(named.first);
+    counts[named.second] += queue != postQueues_.end() ? queue->second->dropped() : 0;
+  }
+  return counts;
 }
 
 void Peer::onImportDropped(std::uint64_t id) {
   std::lock_guard<std::mutex> lock(mutex_);
   postQueues_.erase(id);  // posts already queued still run: tasks keep their queue
+  serviceNames_.erase(id);
 }
 
 void Peer::sendOneWay(Message message) noexcept {

@@ -85,6 +85,9 @@ class Peer : public ObjectBridge {
   void close(const std::string& reason);
   bool isPeerClosed() const;
   std::vector<unsigned int> serviceIds() const;
+  // Posts dropped because the queue towards one of the client's services was
+  // full (the client reads too slowly), by service name.
+  std::map<std::string, std::uint64_t> droppedCounts() const;
 
   // ---- ObjectBridge ----
   // Throws mz::ObjectGoneError once the client is gone.
@@ -125,6 +128,7 @@ class Peer : public ObjectBridge {
   std::uint32_t nextRequestId_ = 1;
   std::set<unsigned int> services_;  // ids in the broker's session
   std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> postQueues_;  // by import id
+  std::unordered_map<std::uint64_t, std::string> serviceNames_;  // import id -> name it was registered as
 };
 
 }  // namespace net

@@ -199,6 +199,10 @@ struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
   std::thread watchdog;
   mz::SignalLink registeredLink = mz::kInvalidSignalLink;
   mz::SignalLink unregisteredLink = mz::kInvalidSignalLink;
+  unsigned int dropCounter = 0;  // registered with the broker while running
+  // Drops towards clients that have gone, by service name: the broker's
+  // status keeps showing them.
+  std::map<std::string, std::uint64_t> retiredDrops;
 };
 
 void Server::Impl::start() {
@@ -233,6 +237,22 @@ void Server::Impl::start() {
   });
   unregisteredLink = session->serviceUnregistered.connect([self](unsigned int id, std::string name) {
     if (auto impl = self.lock()) impl->broadcast("unregistered", id, name);
+  });
+  // Posts to clients' services are dropped here when a client reads too
+  // slowly; the broker reports them with its own modules' drops.
+  dropCounter = broker->addDropCounter([self] {
+    std::map<std::string, std::uint64_t> counts;
+    auto impl = self.lock();
+    if (!impl) return counts;
+    std::vector<std::shared_ptr<Peer>> current;
+    {
+      std::lock_guard<std::mutex> guard(impl->mutex);
+      counts = impl->retiredDrops;
+      for (const auto& p : impl->peers) current.push_back(p.second);
+    }
+    for (const auto& p : current)
+      for (const auto& entry : p->droppedCounts()) counts[entry.first] += entry.second;
+    return counts;
   });
   listeners = std::move(bound);
   for (auto& l : listeners) {
@@ -300,9 +320,14 @@ std::shared_ptr<Peer> Server::Impl::peerFor(const std::string& sessionId, const 
 }
 
 void Server::Impl::forgetPeer(const std::shared_ptr<Peer>& peer) {
+  const std::map<std::string, std::uint64_t> dropped = peer->droppedCounts();
   std::lock_guard<std::mutex> lock(mutex);
   auto it = peers.find(peer->sessionId());
-  if (it != peers.end() && it->second == peer) peers.erase(it);
+  if (it != peers.end() && it->second == peer) {
+    peers.erase(it);
+    for (const auto& entry : dropped)
+      if (entry.second) retiredDrops[entry.first] += entry.second;
+  }
 }
 
 void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
@@ -451,6 +476,7 @@ void Server::Impl::stop() {
   std::list<std::shared_ptr<Handler>> stoppedHandlers;
   std::map<std::string, std::shared_ptr<Peer>> stoppedPeers;
   std::thread watcher;
+  unsigned int counter = 0;
   {
     std::lock_guard<std::mutex> lock(mutex);
     if (stopping) return;
@@ -458,8 +484,10 @@ void Server::Impl::stop() {
     running = false;
     stoppedListeners.swap(listeners);
     watcher = std::move(watchdog);
+    std::swap(counter, dropCounter);
   }
   wake.notify_all();
+  if (counter) broker->removeDropCounter(counter);
   if (registeredLink != mz::kInvalidSignalLink)
     broker->session()->serviceRegistered.disconnect(registeredLink);
   if (unregisteredLink != mz::kInvalidSignalLink)

@@ -121,11 +121,34 @@ boost::shared_ptr<RXProxy> RXBroker::getProxy(const std::string& name, int /*fla
 }
 
 std::map<std::string, uint64_t> RXBroker::droppedCounts() const {
-  std::lock_guard<std::mutex> lock(mutex_);
   std::map<std::string, uint64_t> counts;
-  for (const auto& m : modules_)
-    if (m->postQueue()) counts[m->getName()] = m->postQueue()->dropped();
+  std::vector<DropCounter> counters;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& m : modules_)
+      if (m->postQueue()) counts[m->getName()] = m->postQueue()->dropped();
+    for (const auto& c : dropCounters_) counters.push_back(c.second);
+  }
+  // Outside the lock: a counter takes locks of its own (a server's peers).
+  for (const auto& counter : counters)
+    for (const auto& entry : counter()) counts[entry.first] += entry.second;
   return counts;
+}
+
+unsigned int RXBroker::addDropCounter(DropCounter counter) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const unsigned int id = nextDropCounter_++;
+  dropCounters_.emplace(id, std::move(counter));
+  return id;
+}
+
+void RXBroker::removeDropCounter(unsigned int id) {
+  DropCounter released;  // destroyed outside the lock
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = dropCounters_.find(id);
+  if (it == dropCounters_.end()) return;
+  released = std::move(it->second);
+  dropCounters_.erase(it);
 }
 
 // ---- Shutdown ----

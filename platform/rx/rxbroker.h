@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -78,8 +79,17 @@ class RXBroker : public boost::enable_shared_from_this<RXBroker> {
   RXExecutor& executor() const { return *executor_; }
   std::shared_ptr<RXExecutor> executorHandle() const { return executor_; }
 
-  // Notifications dropped because a module's queue was full, by module.
+  // Notifications dropped because a module's queue was full, by module. The
+  // counts of the registered drop counters (subscribers in other processes,
+  // by service name) are added in.
   std::map<std::string, uint64_t> droppedCounts() const;
+  // Adds a source of drop counts to droppedCounts(); returns its id for
+  // removeDropCounter. The counter is called without the broker's lock held,
+  // from whatever thread asks for the counts.
+  using DropCounter = std::function<std::map<std::string, uint64_t>()>;
+  [[nodiscard]] unsigned int addDropCounter(DropCounter counter);
+  // Forgets a counter; unknown ids are ignored.
+  void removeDropCounter(unsigned int id);
 
   // Stops the broker: pending posted calls run (for at most 10 s), modules
   // exit in reverse order of registration, the executor joins, the modules
@@ -102,6 +112,8 @@ class RXBroker : public boost::enable_shared_from_this<RXBroker> {
   boost::weak_ptr<RXBrokerManager> manager_;
   std::vector<boost::shared_ptr<RXModule>> modules_;  // registration order
   bool shutDown_ = false;
+  std::map<unsigned int, DropCounter> dropCounters_;
+  unsigned int nextDropCounter_ = 1;
 };
 
 }  // namespace RX

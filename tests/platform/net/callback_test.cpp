@@ -85,6 +85,10 @@ TEST_P(Callbacks, ClientFollowsAndEmitsBrokerSignals) {
   ASSERT_EQ(1u, local.size());
   EXPECT_EQ(77, local.values()[0].toInt());
   calc->ticked.disconnect(direct);
+  // The emission also went to the client's own connection, asynchronously;
+  // it must have arrived before `second` goes out of scope.
+  ASSERT_TRUE(second.waitFor(2)) << "the broker-side emission did not reach the client";
+  EXPECT_EQ(77, second.values()[1].toInt());
   EXPECT_EQ("Calc: no signal named nope", errorOf([&] { remoteCalc.emit("nope", {mz::AnyValue(1)}); }));
   EXPECT_NE("", remoteCalc.connect("nope", [](mz::AnyValue) {}).error());
   remoteCalc.disconnect(link2).waitAndCheck();
