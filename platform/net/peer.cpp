@@ -337,12 +337,13 @@ Message Peer::exchange(Message request) {
   return future.value();
 }
 
-void Peer::sendPost(std::uint64_t targetId, Message post) {
-  if (isClosed()) throwGone();
+void Peer::queueFrame(RX::SerialQueue& queue, const Message& message, const char* what) {
+  // Encoded here, on the caller's thread, so that the object references it
+  // carries are exported before the caller goes on; only the write waits.
   auto bytes = std::make_shared<std::string>();
-  encodeFrame(post, *bytes, objectEncoder(), Limits().maxFrameBytes);
+  encodeFrame(message, *bytes, objectEncoder(), Limits().maxFrameBytes);
   std::weak_ptr<ObjectBridge> self = weak_from_this();
-  postQueue(targetId)->post([self, bytes] {
+  queue.post([self, bytes, what] {
     auto peer = std::static_pointer_cast<Peer>(self.lock());
     if (!peer) return;
     std::shared_ptr<Connection> connection;
@@ -355,9 +356,14 @@ void Peer::sendPost(std::uint64_t targetId, Message post) {
     try {
       connection->sendFrames(*bytes);
     } catch (const std::exception& e) {
-      RX_DEBUG(peerLog(), "post to " << peer->peerName() << " lost: " << e.what());
+      RX_DEBUG(peerLog(), what << " to " << peer->peerName() << " lost: " << e.what());
     }
   });
+}
+
+void Peer::sendPost(std::uint64_t targetId, Message post) {
+  if (isClosed()) throwGone();
+  queueFrame(*postQueue(targetId), post, "post");
 }
 
 std::shared_ptr<RX::SerialQueue> Peer::postQueue(std::uint64_t id) {
@@ -392,25 +398,7 @@ void Peer::onImportDropped(std::uint64_t id) {
 void Peer::sendOneWay(Message message) noexcept {
   try {
     if (isClosed()) return;
-    auto bytes = std::make_shared<std::string>();
-    encodeFrame(message, *bytes, objectEncoder(), Limits().maxFrameBytes);
-    std::weak_ptr<ObjectBridge> self = weak_from_this();
-    eventQueue_->post([self, bytes] {
-      auto peer = std::static_pointer_cast<Peer>(self.lock());
-      if (!peer) return;
-      std::shared_ptr<Connection> connection;
-      {
-        std::lock_guard<std::mutex> lock(peer->mutex_);
-        if (peer->closed_) return;
-        connection = peer->eventConnection_;
-      }
-      if (!connection) return;
-      try {
-        connection->sendFrames(*bytes);
-      } catch (const std::exception& e) {
-        RX_DEBUG(peerLog(), "message to " << peer->peerName() << " lost: " << e.what());
-      }
-    });
+    queueFrame(*eventQueue_, message, "message");
   } catch (const std::exception& e) {
     RX_DEBUG(peerLog(), "message to " << peerName() << " dropped: " << e.what());
   }

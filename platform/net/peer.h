@@ -110,6 +110,9 @@ class Peer : public ObjectBridge {
   void serveRegisterService(Message& request, Message& reply);
   void serveUnregisterService(Message& request, Message& reply);
   std::shared_ptr<RX::SerialQueue> postQueue(std::uint64_t id);
+  // Encodes `message` and queues the write of its frame to the event
+  // connection; `what` names it in the log line of a lost write.
+  void queueFrame(RX::SerialQueue& queue, const Message& message, const char* what);
 
   // Constant after construction.
   const std::shared_ptr<mz::Session> session_;
