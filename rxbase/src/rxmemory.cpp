@@ -767,7 +767,8 @@ void RXMemory::xRaiseMicroEvent(const std::string& name, const RXValue& value) {
 
 void RXMemory::removeEvent(const std::string& name) {
   xRemoveData(name);
-  // Taken shared, as the readers take it; kept so for compatibility.
+  // Taken shared, as the readers take it; kept so for compatibility, although
+  // this erase races with any concurrent reader or writer of the map.
   SharedLock lock(extractorMapMutex);
   extractorMap.erase(name);
 }
@@ -805,7 +806,9 @@ void RXMemory::runExtractor(const std::string& eventName, const std::string& sub
   std::string extractor;
   {
     // The inserting index leaves an empty extractor name for an undeclared
-    // event, under the shared lock; kept so for compatibility.
+    // event, under the shared lock; kept so for compatibility. Beware: two
+    // first subscriptions to undeclared events at the same moment both write
+    // the map under a shared lock, which is a data race.
     SharedLock lock(extractorMapMutex);
     extractor = extractorMap[eventName];
   }
