@@ -151,6 +151,22 @@ void RXBroker::removeDropCounter(unsigned int id) {
   dropCounters_.erase(it);
 }
 
+void RXBroker::setTransportCounters(DropCounter source) {
+  DropCounter released;  // destroyed outside the lock
+  std::lock_guard<std::mutex> lock(mutex_);
+  released = std::move(transportCounters_);
+  transportCounters_ = std::move(source);
+}
+
+std::map<std::string, uint64_t> RXBroker::transportCounters() const {
+  DropCounter source;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    source = transportCounters_;
+  }
+  return source ? source() : std::map<std::string, uint64_t>();
+}
+
 // ---- Shutdown ----
 
 void RXBroker::shutdown() {

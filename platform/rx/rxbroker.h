@@ -91,6 +91,14 @@ class RXBroker : public boost::enable_shared_from_this<RXBroker> {
   // Forgets a counter; unknown ids are ignored.
   void removeDropCounter(unsigned int id);
 
+  // Counters of the network transport, by name ("clients connected",
+  // "clients cut off: output buffer over its hard limit", ...), for the status
+  // pages; they outlive the clients they count. One source at a time (the
+  // broker's server); an empty function removes it. The source is called
+  // without the broker's lock held.
+  void setTransportCounters(DropCounter source);
+  std::map<std::string, uint64_t> transportCounters() const;
+
   // Stops the broker: pending posted calls run (for at most 10 s), modules
   // exit in reverse order of registration, the executor joins, the modules
   // are released.
@@ -114,6 +122,7 @@ class RXBroker : public boost::enable_shared_from_this<RXBroker> {
   bool shutDown_ = false;
   std::map<unsigned int, DropCounter> dropCounters_;
   unsigned int nextDropCounter_ = 1;
+  DropCounter transportCounters_;
 };
 
 }  // namespace RX

@@ -214,7 +214,53 @@ Registry& registry() {
 
 void Category::write(int level, const std::string& message) const {
   if (level <= Silent || !enabled(level)) return;
-  registry().write(name_, level, message);
+  registry().write(name_, level, printable(message));
+}
+
+std::string printable(const std::string& text) {
+  std::size_t end = text.size();
+  while (end > 0 && (text[end - 1] == '\n' || text[end - 1] == '\r')) --end;
+  std::size_t i = 0;
+  while (i < end && static_cast<unsigned char>(text[i]) >= 0x20 && text[i] != 0x7f) ++i;
+  if (i == end) return end == text.size() ? text : text.substr(0, end);
+  static const char kHex[] = "0123456789abcdef";
+  std::string out(text, 0, i);
+  out.reserve(end + 16);
+  for (; i < end; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != 0x7f) {
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else {
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  return out;
+}
+
+bool Throttle::allow(std::uint64_t& heldBack) {
+  const auto now = std::chrono::steady_clock::now();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!first_ && now - last_ < period_) {
+    ++refused_;
+    return false;
+  }
+  first_ = false;
+  last_ = now;
+  heldBack = refused_;
+  refused_ = 0;
+  return true;
+}
+
+std::string heldBack(std::uint64_t count) {
+  return count ? " (" + std::to_string(count) + " similar lines held back)" : std::string();
 }
 
 Category& category(const std::string& name) { return registry().category(name); }

@@ -7,7 +7,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
+#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -55,6 +58,33 @@ int parseLevel(const std::string& text);
 // applies nothing) when it is malformed.
 bool applyThresholds(const std::string& settings);
 const char* levelName(int level);
+
+// The text as one log line: trailing line ends dropped, every other control
+// character (and DEL) written as \n, \r, \t or \xNN, so a name chosen by a
+// client can never start a forged line. Every written line goes through it.
+std::string printable(const std::string& text);
+
+// Lets a repeated line through at most once per period (malformed input from
+// a client, say, that could otherwise flood the log). Thread-safe.
+//   static RX::log::Throttle throttle;
+//   std::uint64_t held;
+//   if (throttle.allow(held)) RX_WARNING(cat, "bad frame" << RX::log::heldBack(held));
+class Throttle {
+ public:
+  explicit Throttle(std::chrono::milliseconds period = std::chrono::seconds(1)) : period_(period) {}
+  // True when a line may be written now; `heldBack` is then the number of
+  // lines refused since the last one that passed.
+  [[nodiscard]] bool allow(std::uint64_t& heldBack);
+
+ private:
+  const std::chrono::milliseconds period_;
+  std::mutex mutex_;
+  std::chrono::steady_clock::time_point last_{};  // guarded by mutex_
+  bool first_ = true;                             // guarded by mutex_
+  std::uint64_t refused_ = 0;                     // guarded by mutex_
+};
+// " (N similar lines held back)" when N > 0, else an empty text.
+std::string heldBack(std::uint64_t count);
 
 // Observers see every written line (after level filtering); used by tests and
 // by tools that collect logs. Returns an id for removeObserver.

@@ -284,6 +284,39 @@ TEST(LogEnvChild, ThresholdsComeFromTheEnvironment) {
   }
 }
 
+// A client's name or key is logged as given; it must never start a line of its own.
+TEST(LogTest, ControlCharactersCannotForgeLines) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"plain name", "plain name"},
+      {"evil\n[info] broker stopped", "evil\\n[info] broker stopped"},
+      {"a\rb\tc", "a\\rb\\tc"},
+      {std::string("nul\0bell\a\x7f", 10), "nul\\x00bell\\x07\\x7f"},
+      {"trailing line end\n", "trailing line end"},
+      {"\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},  // UTF-8 stays as it is
+  };
+  for (const auto& [in, out] : cases) EXPECT_EQ(out, printable(in)) << in;
+
+  Recorder recorder("test.printable");
+  Category& cat = category("test.printable");
+  RX_WARNING(cat, "client " << "x\ny" << " connected");
+  EXPECT_EQ("warning:client x\\ny connected", recorder.lines());
+}
+
+TEST(LogTest, ThrottleLetsOneLineThroughPerPeriodAndCountsTheRest) {
+  Throttle throttle(std::chrono::hours(1));
+  std::uint64_t held = 99;
+  ASSERT_TRUE(throttle.allow(held));
+  EXPECT_EQ(0u, held);
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(throttle.allow(held));
+  EXPECT_EQ("", heldBack(0));
+  EXPECT_EQ(" (5 similar lines held back)", heldBack(5));
+
+  Throttle open(std::chrono::milliseconds(0));
+  ASSERT_TRUE(open.allow(held));
+  ASSERT_TRUE(open.allow(held));
+  EXPECT_EQ(0u, held);
+}
+
 }  // namespace
 }  // namespace log
 }  // namespace RX
