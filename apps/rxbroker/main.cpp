@@ -58,6 +58,9 @@ int main(int argc, char** argv) {
   bool noHttp = false;
   unsigned int threads = 2;
   std::size_t queueCapacity = 10000;
+  net::Server::Options serverOptions;
+  unsigned int handshakeMs = static_cast<unsigned int>(serverOptions.handshakeTimeout.count());
+  unsigned int softOutputMs = static_cast<unsigned int>(serverOptions.output.softTime.count());
 
   CLI::App app{"rxbroker: hosts RXMemory and other modules and serves them to every process of the robot."};
   app.add_option("--module", modules,
@@ -72,7 +75,38 @@ int main(int argc, char** argv) {
   app.add_option("--threads", threads, "Threads running posted calls (notifications)")->check(CLI::Range(2, 64));
   app.add_option("--queue-capacity", queueCapacity, "Pending notifications kept per subscriber module")
       ->check(CLI::Range(1, 100000000));
+  // What one client may cost the broker; every limit has a default a robot can live with.
+  app.add_option("--max-clients", serverOptions.maxClients, "Client processes (sessions) served at once")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t(1), std::size_t(100000)));
+  app.add_option("--max-connections", serverOptions.maxConnections,
+                 "Open connections, greeted or not (each client uses a few)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t(2), std::size_t(1000000)));
+  app.add_option("--handshake-timeout-ms", handshakeMs, "Time a new connection has to say Hello")
+      ->capture_default_str()
+      ->check(CLI::Range(10u, 3600000u));
+  app.add_option("--max-input-bytes", serverOptions.maxInputBytes,
+                 "Bytes of partial frames held across all connections (suffixes KiB, MiB, GiB)")
+      ->capture_default_str()
+      ->transform(CLI::AsSizeValue(false));
+  app.add_option("--max-output-bytes", serverOptions.output.hardBytes,
+                 "Bytes kept for a client that reads too slowly; beyond them it is cut off at once")
+      ->capture_default_str()
+      ->transform(CLI::AsSizeValue(false));
+  app.add_option("--soft-output-bytes", serverOptions.output.softBytes,
+                 "A slow client with more than this kept for --soft-output-ms is cut off")
+      ->capture_default_str()
+      ->transform(CLI::AsSizeValue(false));
+  app.add_option("--soft-output-ms", softOutputMs, "How long a client may stay over --soft-output-bytes")
+      ->capture_default_str()
+      ->check(CLI::Range(0u, 3600000u));
   CLI11_PARSE(app, argc, argv);
+  serverOptions.handshakeTimeout = std::chrono::milliseconds(handshakeMs);
+  serverOptions.output.softTime = std::chrono::milliseconds(softOutputMs);
+  if (serverOptions.output.softBytes > serverOptions.output.hardBytes)
+    return fail("--soft-output-bytes " + std::to_string(serverOptions.output.softBytes) +
+                " exceeds --max-output-bytes " + std::to_string(serverOptions.output.hardBytes));
 
   for (const std::string& settings : logs)
     if (!RX::log::applyThresholds(settings)) return fail("bad --log '" + settings + "': expected CATEGORY=LEVEL");
@@ -117,7 +151,7 @@ int main(int argc, char** argv) {
   std::unique_ptr<net::Server> server;
   std::unique_ptr<net::HttpStatusServer> pages;
   try {
-    server = std::make_unique<net::Server>(broker, listen);
+    server = std::make_unique<net::Server>(broker, listen, serverOptions);
     server->start();
     if (!noHttp) {
       pages = std::make_unique<net::HttpStatusServer>(broker, httpHost, httpPort);

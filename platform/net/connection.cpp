@@ -15,6 +15,8 @@
 #include <utility>
 
 #include "mz/object.h"
+#include "net/writeflusher.h"
+#include "rx/rxlog.h"
 
 namespace net {
 
@@ -27,6 +29,16 @@ std::int64_t nowNs() {
 }
 
 std::string errnoText(int err) { return std::strerror(err); }
+
+RX::log::Category& connectionLog() {
+  static RX::log::Category& cat = RX::log::category("net.server");
+  return cat;
+}
+
+std::atomic<std::uint64_t> nextConnectionId{1};
+
+// Kept bytes are moved to the front once the written part is this large.
+constexpr std::size_t kCompactBytes = 1u << 20;
 
 timeval toTimeval(std::chrono::milliseconds t) {
   timeval tv{};
@@ -81,18 +93,31 @@ int connectOne(int family, const sockaddr* addr, socklen_t len, std::chrono::mil
 
 }  // namespace
 
+bool InputBudget::tryTake(std::size_t bytes) {
+  std::size_t used = used_.load(std::memory_order_relaxed);
+  do {
+    if (bytes > limit_ || used > limit_ - bytes) return false;
+  } while (!used_.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
+  return true;
+}
+
 Connection::Connection(int fd, std::string description, const Limits& limits)
     : fd_(fd),
       description_(std::move(description)),
       limits_(limits),
       lastReceiveNs_(nowNs()),
+      id_(nextConnectionId.fetch_add(1, std::memory_order_relaxed)),
       decoder_(limits, [this](std::uint64_t id) -> mz::AnyObject {
         if (!objectDecoder_)
           throw DecodeError("object reference " + std::to_string(id) + " not expected here");
         return objectDecoder_(id);
       }) {}
 
-Connection::~Connection() { ::close(fd_); }
+Connection::~Connection() {
+  if (flusher_) flusher_->forget(id_);
+  if (inputBudget_) inputBudget_->give(budgeted_);
+  ::close(fd_);
+}
 
 std::shared_ptr<Connection> Connection::connect(const Endpoint& endpoint, std::chrono::milliseconds timeout,
                                                 const Limits& limits) {
@@ -144,9 +169,161 @@ void Connection::send(const Message& message, const ObjectEncoder& objects) {
   if (buffer.capacity() > (1u << 20)) std::string().swap(buffer);
 }
 
-void Connection::sendFrames(std::string_view frames) {
+void Connection::setBufferedOutput(const OutputLimits& limits, std::shared_ptr<WriteFlusher> flusher,
+                                   std::function<void(const std::string&)> onCutOff) {
   std::lock_guard<std::mutex> lock(writeMutex_);
-  writeAll(frames.data(), frames.size());
+  buffered_ = flusher != nullptr;
+  outputLimits_ = limits;
+  flusher_ = std::move(flusher);
+  onCutOff_ = std::move(onCutOff);
+}
+
+void Connection::setInputBudget(std::shared_ptr<InputBudget> budget) {
+  if (inputBudget_) inputBudget_->give(budgeted_);
+  budgeted_ = 0;
+  inputBudget_ = std::move(budget);
+}
+
+void Connection::sendFrames(std::string_view frames) {
+  std::string cutOffText;
+  {
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    if (!buffered_) {
+      writeAll(frames.data(), frames.size());
+      return;
+    }
+    if (isClosed()) throw RemoteError("connection to " + description_ + " is closed");
+    // Straight to the socket when nothing waits before these bytes; behind
+    // the kept bytes otherwise, so that frames never interleave.
+    const std::size_t taken = pending_.size() == pendingHead_ ? writeSome(frames.data(), frames.size()) : 0;
+    if (taken == frames.size()) return;
+    pending_.append(frames.data() + taken, frames.size() - taken);
+    const std::string reason = overLimit(std::chrono::steady_clock::now());
+    if (reason.empty()) {
+      if (!armed_) {
+        armed_ = true;
+        flusher_->arm(shared_from_this(), fd_, id_);
+      }
+      return;
+    }
+    cutOffText = cutOff(reason);
+  }
+  reportCutOff(cutOffText);
+  throw RemoteError("connection to " + description_ + " cut off: " + cutOffText);
+}
+
+std::size_t Connection::writeSome(const char* data, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n = ::send(fd_, data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) {
+      done += static_cast<std::size_t>(n);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+    const int err = errno;
+    close();
+    throw RemoteError("connection to " + description_ + " lost: " + errnoText(err));
+  }
+  return done;
+}
+
+void Connection::flush() noexcept {
+  std::string cutOffText;
+  {
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    armed_ = false;
+    if (isClosed()) {
+      std::string().swap(pending_);
+      pendingHead_ = 0;
+      return;
+    }
+    try {
+      pendingHead_ += writeSome(pending_.data() + pendingHead_, pending_.size() - pendingHead_);
+    } catch (const std::exception&) {
+      std::string().swap(pending_);
+      pendingHead_ = 0;
+      return;  // the connection is closed; its reader reports the end
+    }
+    if (pendingHead_ == pending_.size()) {
+      pending_.clear();
+      pendingHead_ = 0;
+      overSoftSince_.reset();
+      if (pending_.capacity() > kCompactBytes) std::string().swap(pending_);
+      return;
+    }
+    if (pendingHead_ >= kCompactBytes && pendingHead_ * 2 >= pending_.size()) {
+      pending_.erase(0, pendingHead_);
+      pendingHead_ = 0;
+    }
+    const std::string reason = overLimit(std::chrono::steady_clock::now());
+    if (reason.empty()) {
+      armed_ = true;
+      flusher_->arm(shared_from_this(), fd_, id_);
+      return;
+    }
+    cutOffText = cutOff(reason);
+  }
+  reportCutOff(cutOffText);
+}
+
+void Connection::checkOutput(std::chrono::steady_clock::time_point now) {
+  std::string cutOffText;
+  {
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    if (!buffered_ || isClosed() || pending_.size() == pendingHead_) return;
+    const std::string reason = overLimit(now);
+    if (reason.empty()) return;
+    cutOffText = cutOff(reason);
+  }
+  reportCutOff(cutOffText);
+}
+
+std::size_t Connection::outputBuffered() const {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  return pending_.size() - pendingHead_;
+}
+
+std::string Connection::overLimit(std::chrono::steady_clock::time_point now) {
+  const std::size_t kept = pending_.size() - pendingHead_;
+  if (kept > outputLimits_.hardBytes)
+    return "output buffer of " + std::to_string(kept) + " bytes over its hard limit maxOutputBytes " +
+           std::to_string(outputLimits_.hardBytes);
+  if (kept <= outputLimits_.softBytes) {
+    overSoftSince_.reset();
+    return std::string();
+  }
+  if (!overSoftSince_) overSoftSince_ = now;
+  if (now - *overSoftSince_ < outputLimits_.softTime) return std::string();
+  return "output buffer over its soft limit softOutputBytes " + std::to_string(outputLimits_.softBytes) +
+         " for " + std::to_string(outputLimits_.softTime.count()) + " ms";
+}
+
+std::string Connection::cutOff(const std::string& reason) {
+  const std::size_t lost = pending_.size() - pendingHead_;
+  std::string().swap(pending_);
+  pendingHead_ = 0;
+  overSoftSince_.reset();
+  close();
+  return reason + " (" + std::to_string(lost) + " bytes not delivered)";
+}
+
+void Connection::reportCutOff(const std::string& text) {
+  RX_WARNING(connectionLog(), "cutting off " << description_ << ": " << text);
+  if (onCutOff_) onCutOff_(text);
+}
+
+bool Connection::accountInput() {
+  const std::size_t held =
+      decoder_.capacity() > InputBudget::kFreeBytes ? decoder_.capacity() - InputBudget::kFreeBytes : 0;
+  if (held < budgeted_) {
+    inputBudget_->give(budgeted_ - held);
+  } else if (held > budgeted_ && !inputBudget_->tryTake(held - budgeted_)) {
+    return false;
+  }
+  budgeted_ = held;
+  return true;
 }
 
 // REQUIRES: writeMutex_ held.
@@ -182,6 +359,14 @@ Connection::ReadStatus Connection::read(Message& out) {
     }
     if (isClosed()) return ReadStatus::Closed;
     char* room = decoder_.prepare(kChunk);
+    if (inputBudget_ && !accountInput()) {
+      // Too much is held in partial frames across all clients: this one,
+      // which asks for more, is the one refused.
+      lastError_.emplace("buffered input over its budget maxInputBytes " + std::to_string(inputBudget_->limit()) +
+                             " across all connections",
+                         std::nullopt, std::nullopt, true);
+      return ReadStatus::OutOfSync;
+    }
     const ssize_t n = ::recv(fd_, room, kChunk, 0);
     if (n > 0) {
       decoder_.commit(static_cast<std::size_t>(n));

@@ -3,6 +3,11 @@
 // number of threads may send at once; one thread at a time reads the next
 // message with a blocking read. close() may be called from any thread: it
 // shuts the socket down, which wakes a blocked reader with Closed.
+// On the broker's side a connection writes in buffered mode: a send never
+// waits for the client, what the socket does not take is kept (bounded) and
+// written later by a WriteFlusher, and a client that lets too much pile up is
+// cut off. Reads may count what partial frames hold against an InputBudget
+// shared by all connections.
 //
 //   auto c = net::Connection::connect(net::Endpoint::parse("tcp://127.0.0.1:9780"), 5s);
 //   c->send(message);
@@ -13,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,7 +39,35 @@ class RemoteError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-class Connection {
+class WriteFlusher;
+
+// What a connection in buffered mode may keep of the bytes written to it that
+// the other side has not read yet.
+struct OutputLimits {
+  std::size_t hardBytes = 32u << 20;          // over this the connection is cut off at once
+  std::size_t softBytes = 8u << 20;           // over this for softTime, cut off as well
+  std::chrono::milliseconds softTime{10000};
+};
+
+// Bytes that partial frames hold across all connections, beyond the first
+// kFreeBytes of each connection (the usual small frames never touch it).
+// Thread-safe.
+class InputBudget {
+ public:
+  static constexpr std::size_t kFreeBytes = 256u << 10;
+  explicit InputBudget(std::size_t limit) : limit_(limit) {}
+  // Takes `bytes` if they fit in the limit.
+  [[nodiscard]] bool tryTake(std::size_t bytes);
+  void give(std::size_t bytes) { used_.fetch_sub(bytes, std::memory_order_relaxed); }
+  std::size_t limit() const { return limit_; }
+  std::size_t used() const { return used_.load(std::memory_order_relaxed); }
+
+ private:
+  const std::size_t limit_;
+  std::atomic<std::size_t> used_{0};
+};
+
+class Connection : public std::enable_shared_from_this<Connection> {
  public:
   enum class ReadStatus {
     Message,    // `out` holds the next message
@@ -63,6 +97,25 @@ class Connection {
   void setReadTimeout(std::chrono::milliseconds timeout);
   void setWriteTimeout(std::chrono::milliseconds timeout);
 
+  // Switches to buffered, never-waiting writes (the broker's side): what the
+  // socket does not take at once is kept and written by `flusher`. A
+  // connection whose kept bytes go over limits.hardBytes, or stay over
+  // limits.softBytes for limits.softTime, is closed, and `onCutOff` is called
+  // once with the reason. REQUIRES: before the first send.
+  void setBufferedOutput(const OutputLimits& limits, std::shared_ptr<WriteFlusher> flusher,
+                         std::function<void(const std::string& reason)> onCutOff);
+  // Counts what this connection's partial frames hold against `budget`; a
+  // read that would overdraw it fails with OutOfSync. REQUIRES: no read under way.
+  void setInputBudget(std::shared_ptr<InputBudget> budget);
+  // Buffered mode: writes what is kept, without waiting. Called by the flusher.
+  void flush() noexcept;
+  // Buffered mode: cuts the connection off when its kept bytes have stayed
+  // over the soft limit for too long (a client that has stopped reading
+  // writes nothing more that would notice). Called periodically.
+  void checkOutput(std::chrono::steady_clock::time_point now);
+  // Buffered mode: bytes written but not taken by the socket yet.
+  std::size_t outputBuffered() const;
+
   // Encodes and writes one frame. Throws EncodeError when the message cannot
   // be encoded (nothing is written, the connection stays usable) and
   // RemoteError when the socket fails (the connection is then closed).
@@ -86,6 +139,17 @@ class Connection {
 
  private:
   void writeAll(const char* data, std::size_t size);
+  // Writes without waiting; returns how much the socket took. Closes the
+  // connection and throws RemoteError when it fails.
+  std::size_t writeSome(const char* data, std::size_t size);
+  // REQUIRES: writeMutex_ held. The reason to cut the connection off now, or empty.
+  std::string overLimit(std::chrono::steady_clock::time_point now);
+  // REQUIRES: writeMutex_ held. Closes and drops the kept bytes; returns the
+  // log text for the one report done outside the lock.
+  std::string cutOff(const std::string& reason);
+  void reportCutOff(const std::string& reason);
+  // Accounts the decoder's buffer against the input budget; false when it is exhausted.
+  bool accountInput();
 
   // Constant after construction.
   const int fd_;
@@ -94,9 +158,20 @@ class Connection {
   // Thread-safe.
   std::atomic<bool> closed_{false};
   std::atomic<std::int64_t> lastReceiveNs_;
+  const std::uint64_t id_;
   // Guarded by writeMutex_: the sending side of the socket.
-  std::mutex writeMutex_;
+  mutable std::mutex writeMutex_;
+  bool buffered_ = false;
+  OutputLimits outputLimits_;
+  std::shared_ptr<WriteFlusher> flusher_;
+  std::function<void(const std::string&)> onCutOff_;
+  std::string pending_;      // bytes [pendingHead_, end) wait for the socket
+  std::size_t pendingHead_ = 0;
+  bool armed_ = false;       // the flusher will call flush()
+  std::optional<std::chrono::steady_clock::time_point> overSoftSince_;
   // Used by the reading thread only.
+  std::shared_ptr<InputBudget> inputBudget_;
+  std::size_t budgeted_ = 0;  // taken from inputBudget_
   ObjectDecoder objectDecoder_;
   FrameDecoder decoder_;
   std::optional<DecodeError> lastError_;

@@ -381,7 +381,7 @@ std::shared_ptr<RX::SerialQueue> Peer::postQueue(std::uint64_t id) {
 
 std::map<std::string, std::uint64_t> Peer::droppedCounts() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  std::map<std::string, std::uint64_t> counts;
+  std::map<std::string, std::uint64_t> counts = retiredDrops_;
   for (const auto& named : serviceNames_) {
     auto queue = postQueues_.find(named.first);
     counts[named.second] += queue != postQueues_.end() ? queue->second->dropped() : 0;
@@ -389,10 +389,19 @@ std::map<std::string, std::uint64_t> Peer::droppedCounts() const {
   return counts;
 }
 
+void Peer::retireQueue(std::uint64_t id) {
+  auto queue = postQueues_.find(id);
+  auto named = serviceNames_.find(id);
+  // The drops stay counted after the service or the client has gone.
+  if (queue != postQueues_.end() && named != serviceNames_.end() && queue->second->dropped())
+    retiredDrops_[named->second] += queue->second->dropped();
+  if (queue != postQueues_.end()) postQueues_.erase(queue);  // queued posts still run: tasks keep their queue
+  if (named != serviceNames_.end()) serviceNames_.erase(named);
+}
+
 void Peer::onImportDropped(std::uint64_t id) {
   std::lock_guard<std::mutex> lock(mutex_);
-  postQueues_.erase(id);  // posts already queued still run: tasks keep their queue
-  serviceNames_.erase(id);
+  retireQueue(id);
 }
 
 void Peer::sendOneWay(Message message) noexcept {
@@ -438,7 +447,8 @@ void Peer::close(const std::string& reason) {
     if (eventConnection_) connections.push_back(eventConnection_);
     pending.swap(pending_);
     services.swap(services_);
-    queues.swap(postQueues_);
+    for (const auto& q : postQueues_) queues.emplace(q.first, q.second);
+    for (const auto& q : queues) retireQueue(q.first);
   }
   RX_INFO(peerLog(), peerName() << " disconnected: " << reason);
   for (auto& c : connections) c->close();

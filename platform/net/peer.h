@@ -110,6 +110,8 @@ class Peer : public ObjectBridge {
   void serveRegisterService(Message& request, Message& reply);
   void serveUnregisterService(Message& request, Message& reply);
   std::shared_ptr<RX::SerialQueue> postQueue(std::uint64_t id);
+  // REQUIRES: mutex_ held. Forgets the queue towards one object, keeping its drop count.
+  void retireQueue(std::uint64_t id);
   // Encodes `message` and queues the write of its frame to the event
   // connection; `what` names it in the log line of a lost write.
   void queueFrame(RX::SerialQueue& queue, const Message& message, const char* what);
@@ -132,6 +134,7 @@ class Peer : public ObjectBridge {
   std::set<unsigned int> services_;  // ids in the broker's session
   std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> postQueues_;  // by import id
   std::unordered_map<std::uint64_t, std::string> serviceNames_;  // import id -> name it was registered as
+  std::map<std::string, std::uint64_t> retiredDrops_;  // by service name, of queues that are gone
 };
 
 }  // namespace net

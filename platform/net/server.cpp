@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -27,7 +28,9 @@
 #include "net/connection.h"
 #include "net/endpoint.h"
 #include "net/peer.h"
+#include "net/writeflusher.h"
 #include "rx/rxbroker.h"
+#include "rx/rxcallcontext.h"
 #include "rx/rxlog.h"
 
 namespace net {
@@ -151,16 +154,37 @@ std::string describeClient(const sockaddr_storage& addr, const Endpoint& listene
   return "client on " + listener.toString();
 }
 
+// Whether the other end of a connection has hung up (or the connection was
+// closed here), without reading from it: its reader is busy serving a request.
+bool hungUp(Connection& c, int fd) {
+  if (c.isClosed()) return true;
+  pollfd p{fd, POLLRDHUP, 0};
+  return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+// Counter names shown on the status pages.
+constexpr const char* kRefusedClients = "clients refused: maxClients reached";
+constexpr const char* kRefusedConnections = "connections refused: maxConnections reached";
+constexpr const char* kNoHello = "connections closed: no Hello within handshakeTimeout";
+constexpr const char* kCutOffHard = "connections cut off: output buffer over its hard limit";
+constexpr const char* kCutOffSoft = "connections cut off: output buffer over its soft limit for too long";
+constexpr const char* kInputBudget = "connections closed: buffered input over maxInputBytes";
+constexpr const char* kMalformed = "malformed frames received";
+
 }  // namespace
 
 // One accepted connection and the thread that reads it.
 struct Handler {
   std::shared_ptr<Connection> connection;
+  int fd = -1;
+  std::chrono::steady_clock::time_point accepted = std::chrono::steady_clock::now();
   std::thread thread;
   std::atomic<bool> done{false};
   std::atomic<bool> busy{false};     // a request is being served
   std::atomic<bool> greeted{false};  // Hello received
   std::atomic<bool> isEvent{false};
+  // Set when the client is gone while a request of it runs (see RX::CallContext).
+  const RX::CallContext::Flag callerGone = std::make_shared<std::atomic<bool>>(false);
   std::shared_ptr<Peer> peer;  // set once greeted; guarded by Impl::mutex
 };
 
@@ -182,6 +206,13 @@ struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
   void broadcast(const std::string& what, unsigned int id, const std::string& name);
   std::shared_ptr<Peer> peerFor(const std::string& sessionId, const std::string& clientName);
   void forgetPeer(const std::shared_ptr<Peer>& peer);
+  void count(const char* counter);
+  std::map<std::string, std::uint64_t> counterSnapshot();
+  void refuse(Connection& c, const std::string& why);
+  void finish(Handler& handler) {
+    --openConnections;
+    handler.done = true;
+  }
 
   // Constant after construction.
   const boost::shared_ptr<RX::RXBroker> broker;
@@ -203,7 +234,35 @@ struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
   // Drops towards clients that have gone, by service name: the broker's
   // status keeps showing them.
   std::map<std::string, std::uint64_t> retiredDrops;
+  std::map<std::string, std::uint64_t> counters;  // refusals and cut-offs, by kind
+
+  // Thread-safe.
+  const std::shared_ptr<InputBudget> inputBudget = std::make_shared<InputBudget>(options.maxInputBytes);
+  std::shared_ptr<WriteFlusher> flusher;  // set before the first accept, constant after
+  RX::log::Throttle malformedThrottle;
+  std::atomic<std::size_t> openConnections{0};  // accepted and not ended yet
 };
+
+void Server::Impl::count(const char* counter) {
+  std::lock_guard<std::mutex> lock(mutex);
+  ++counters[counter];
+}
+
+std::map<std::string, std::uint64_t> Server::Impl::counterSnapshot() {
+  std::lock_guard<std::mutex> lock(mutex);
+  std::map<std::string, std::uint64_t> out = counters;
+  out["clients connected"] = peers.size();
+  out["connections open"] = openConnections.load();
+  out["buffered input bytes"] = inputBudget->used();
+  return out;
+}
+
+// Answers a connection that will not be served, then closes it. The answer is
+// small and goes out at once; if the socket cannot take it, it is lost.
+void Server::Impl::refuse(Connection& c, const std::string& why) {
+  sendError(c, 0, why);
+  c.close();
+}
 
 void Server::Impl::start() {
   std::vector<Endpoint> parsed;
@@ -254,6 +313,11 @@ void Server::Impl::start() {
       for (const auto& entry : p->droppedCounts()) counts[entry.first] += entry.second;
     return counts;
   });
+  broker->setTransportCounters([self] {
+    auto impl = self.lock();
+    return impl ? impl->counterSnapshot() : std::map<std::string, std::uint64_t>();
+  });
+  flusher = std::make_shared<WriteFlusher>();
   listeners = std::move(bound);
   for (auto& l : listeners) {
     Listener* raw = l.get();
@@ -294,18 +358,39 @@ void Server::Impl::acceptLoop(Listener* listener) {
       ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     }
     auto handler = std::make_shared<Handler>();
+    handler->fd = fd;
     handler->connection =
         std::make_shared<Connection>(fd, describeClient(addr, listener->endpoint), options.limits);
-    handler->connection->setWriteTimeout(options.writeTimeout);
-    std::lock_guard<std::mutex> lock(mutex);
+    Connection& c = *handler->connection;
+    std::weak_ptr<Impl> self = weak_from_this();
+    c.setBufferedOutput(options.output, flusher, [self](const std::string& reason) {
+      if (auto impl = self.lock())
+        impl->count(reason.find("hard limit") != std::string::npos ? kCutOffHard : kCutOffSoft);
+    });
+    c.setInputBudget(inputBudget);
+    std::unique_lock<std::mutex> lock(mutex);
     if (stopping) return;  // the connection closes with the handler
+    if (openConnections.load() >= options.maxConnections) {
+      ++counters[kRefusedConnections];
+      lock.unlock();
+      RX_WARNING(serverLog(), "refusing " << c.description() << ": " << options.maxConnections
+                                          << " connections open (maxConnections)");
+      refuse(c, "too many connections: maxConnections " + std::to_string(options.maxConnections) + " reached");
+      continue;
+    }
     handlers.push_back(handler);
+    ++openConnections;
     handler->thread = std::thread([this, handler] { serve(handler); });
   }
 }
 
 std::shared_ptr<Peer> Server::Impl::peerFor(const std::string& sessionId, const std::string& clientName) {
   std::lock_guard<std::mutex> lock(mutex);
+  auto known = peers.find(sessionId);
+  if (known == peers.end() && peers.size() >= options.maxClients) {
+    ++counters[kRefusedClients];
+    return nullptr;
+  }
   std::shared_ptr<Peer>& peer = peers[sessionId];
   if (!peer) {
     Peer::Settings settings;
@@ -350,7 +435,7 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
     if (status == Connection::ReadStatus::OutOfSync)
       sendError(c, 0, std::string("stream out of sync, closing: ") + c.lastError()->what());
     c.close();
-    handler->done = true;
+    finish(*handler);
     return;
   }
   std::string why;
@@ -366,12 +451,18 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
   } else {
     isEvent = message.fields[1].toStdString() == "event";
     peer = peerFor(message.fields[0].toStdString(), message.fields[2].toStdString());
-    if (!peer->attach(handler->connection, isEvent, why)) peer.reset();
+    if (!peer) {
+      why = "too many clients: maxClients " + std::to_string(options.maxClients) + " reached";
+      RX_WARNING(serverLog(), "refusing client " << message.fields[2].toStdString() << " on "
+                                                  << c.description() << ": " << why);
+    } else if (!peer->attach(handler->connection, isEvent, why)) {
+      peer.reset();
+    }
   }
   if (!peer) {
     sendError(c, message.requestId, why);
     c.close();
-    handler->done = true;
+    finish(*handler);
     return;
   }
   {
@@ -390,6 +481,7 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
 
   // ---- Requests, in order, each served on this thread ----
   std::string reason = "connection closed";
+  RX::CallContext callerScope(handler->callerGone);
   for (;;) {
     const Connection::ReadStatus status = c.read(message);
     if (status == Connection::ReadStatus::Message) {
@@ -404,13 +496,19 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
     if (status == Connection::ReadStatus::TimedOut) continue;
     if (status == Connection::ReadStatus::BadFrame) {
       const DecodeError& e = *c.lastError();
-      RX_WARNING(serverLog(), "malformed frame from " << peer->peerName() << ": " << e.what());
+      count(kMalformed);
+      std::uint64_t held = 0;
+      // A client can send malformed frames as fast as it likes; the log says so once a second.
+      if (malformedThrottle.allow(held))
+        RX_WARNING(serverLog(), "malformed frame from " << peer->peerName() << ": " << e.what()
+                                                        << RX::log::heldBack(held));
       if (e.requestId() && *e.requestId() != 0 && expectsReply(e.kind()))
         sendError(c, *e.requestId(), std::string("malformed frame: ") + e.what());
       continue;
     }
     if (status == Connection::ReadStatus::OutOfSync) {
       reason = std::string("stream out of sync: ") + c.lastError()->what();
+      if (reason.find("maxInputBytes") != std::string::npos) count(kInputBudget);
       RX_WARNING(serverLog(), "closing a connection of " << peer->peerName() << ": " << reason);
       sendError(c, 0, "stream out of sync, closing: " + std::string(c.lastError()->what()));
     }
@@ -424,7 +522,7 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
     peer->close(isEvent ? "event connection: " + reason : reason);
     forgetPeer(peer);
   }
-  handler->done = true;
+  finish(*handler);
 }
 
 void Server::Impl::watch() {
@@ -434,12 +532,22 @@ void Server::Impl::watch() {
     if (stopping) break;
     const auto now = std::chrono::steady_clock::now();
     std::vector<std::thread> finished;
+    std::vector<std::shared_ptr<Connection>> toCheck;
     for (auto it = handlers.begin(); it != handlers.end();) {
       Handler& h = **it;
       if (h.done) {
         finished.push_back(std::move(h.thread));
         it = handlers.erase(it);
         continue;
+      }
+      toCheck.push_back(h.connection);
+      // A request that outlives its caller is told so, and can stop early.
+      if (h.busy && !h.callerGone->load() && hungUp(*h.connection, h.fd)) h.callerGone->store(true);
+      if (!h.greeted && now - h.accepted > options.handshakeTimeout && !h.connection->isClosed()) {
+        ++counters[kNoHello];
+        RX_INFO(serverLog(), "closing " << h.connection->description() << ": no Hello within "
+                                        << options.handshakeTimeout.count() << " ms (handshakeTimeout)");
+        h.connection->close();
       }
       const bool silent = now - h.connection->lastReceive() > options.idleTimeout;
       if (silent && !h.busy) {
@@ -455,6 +563,8 @@ void Server::Impl::watch() {
       ++it;
     }
     lock.unlock();
+    // Outside the lock: a cut-off is counted under it.
+    for (auto& c : toCheck) c->checkOutput(now);
     for (auto& t : finished) t.join();
     lock.lock();
   }
@@ -488,6 +598,7 @@ void Server::Impl::stop() {
   }
   wake.notify_all();
   if (counter) broker->removeDropCounter(counter);
+  broker->setTransportCounters(nullptr);
   if (registeredLink != mz::kInvalidSignalLink)
     broker->session()->serviceRegistered.disconnect(registeredLink);
   if (unregisteredLink != mz::kInvalidSignalLink)
@@ -509,6 +620,7 @@ void Server::Impl::stop() {
   for (auto& p : stoppedPeers) p.second->close("broker stopping");
   for (auto& h : stoppedHandlers)
     if (h->thread.joinable()) h->thread.join();
+  if (flusher) flusher->stop();
   RX_INFO(serverLog(), "broker " << broker->getName() << " stopped listening");
 }
 
@@ -544,6 +656,8 @@ std::size_t Server::peerCount() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->peers.size();
 }
+
+std::size_t Server::connectionCount() const { return impl_->openConnections.load(); }
 
 std::vector<std::string> Server::clientNames() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);

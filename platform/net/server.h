@@ -10,7 +10,10 @@
 //
 // A client is declared dead when its event connection closes or stays silent
 // for Options::idleTimeout (clients ping every second); its services are then
-// unregistered and its links and references dropped.
+// unregistered and its links and references dropped. Every write to a client
+// is buffered and never waits (see Connection::setBufferedOutput); clients,
+// connections, handshakes and buffered input are bounded by Options, and what
+// was refused or cut off is counted in RXBroker::transportCounters().
 // Thread safety: every member may be called from any thread, except that
 // stop() must not be called from a thread of the server (a method run for a
 // client).
@@ -22,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "net/connection.h"
 #include "net/wirecodec.h"
 
 namespace RX {
@@ -32,11 +36,17 @@ namespace net {
 
 class Server {
  public:
+  // What one client may cost the broker. A client over a limit is refused or
+  // cut off, never waited for; the others go on.
   struct Options {
-    std::chrono::milliseconds idleTimeout{5000};      // silence after which a client is dropped
-    std::chrono::milliseconds requestTimeout{30000};  // waiting for a client's reply to the broker
-    std::chrono::milliseconds writeTimeout{10000};    // a client that stops reading is dropped
-    Limits limits;                                    // what a client may make us decode
+    std::chrono::milliseconds idleTimeout{5000};       // silence after which a client is dropped
+    std::chrono::milliseconds requestTimeout{30000};   // waiting for a client's reply to the broker
+    std::chrono::milliseconds handshakeTimeout{5000};  // from accept to a valid Hello
+    std::size_t maxClients = 256;                      // client sessions at once
+    std::size_t maxConnections = 1024;                 // open connections, greeted or not
+    std::size_t maxInputBytes = 256u << 20;            // partial frames held across all connections
+    OutputLimits output;                               // bytes kept for a client that reads slowly
+    Limits limits;                                     // what a client may make us decode
   };
 
   Server(boost::shared_ptr<RX::RXBroker> broker, std::vector<std::string> endpoints);
@@ -60,6 +70,8 @@ class Server {
   // Client sessions currently known (for status pages and tests).
   std::size_t peerCount() const;
   std::vector<std::string> clientNames() const;
+  // Open connections, greeted or not.
+  std::size_t connectionCount() const;
 
   struct Impl;
 

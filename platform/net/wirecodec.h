@@ -147,6 +147,8 @@ class FrameDecoder {
 
   // Bytes received and not consumed yet.
   std::size_t buffered() const noexcept { return end_ - start_; }
+  // Bytes of memory the decoder holds for the stream (at least buffered()).
+  std::size_t capacity() const noexcept { return buffer_.capacity(); }
   bool failed() const noexcept { return fatal_.has_value(); }
   const Limits& limits() const noexcept { return limits_; }
 

@@ -126,7 +126,8 @@ class Registry {
   }
 
   void write(const std::string& category, int level, const std::string& message) {
-    emit(category, level, message);
+    // The written line is made printable; observers get the text as the code wrote it.
+    emit(category, level, printable(message));
     std::shared_ptr<const ObserverList> observers;
     {
       std::lock_guard<std::mutex> lock(observerMutex_);
@@ -214,7 +215,7 @@ Registry& registry() {
 
 void Category::write(int level, const std::string& message) const {
   if (level <= Silent || !enabled(level)) return;
-  registry().write(name_, level, printable(message));
+  registry().write(name_, level, message);
 }
 
 std::string printable(const std::string& text) {

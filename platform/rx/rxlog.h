@@ -61,7 +61,8 @@ const char* levelName(int level);
 
 // The text as one log line: trailing line ends dropped, every other control
 // character (and DEL) written as \n, \r, \t or \xNN, so a name chosen by a
-// client can never start a forged line. Every written line goes through it.
+// client can never start a forged line. Every line written to the log output
+// goes through it (observers see the text as the code wrote it).
 std::string printable(const std::string& text);
 
 // Lets a repeated line through at most once per period (malformed input from

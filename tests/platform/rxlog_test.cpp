@@ -264,6 +264,9 @@ TEST(LogTest, ReadsRxLogFromTheEnvironmentAtFirstUse) {
   ASSERT_NE(std::string::npos, line) << good;
   EXPECT_TRUE(line == 0 || good[line - 1] == '\n') << "the log line must start a line:\n" << good;
   EXPECT_EQ(std::string::npos, good.find("not shown")) << good;
+  // A line feed in logged text (a client's name, say) cannot start a line of its own.
+  EXPECT_NE(std::string::npos, good.find("[envtest.a] client evil\\n[rx] [error] [rx] forged\n")) << good;
+  EXPECT_EQ(std::string::npos, good.find("\n[rx] [error] [rx] forged")) << good;
 
   const std::string bad = runChild("envtest.a=loud", "bad");
   EXPECT_NE(std::string::npos, bad.find("[  PASSED  ] 1 test")) << bad;
@@ -278,6 +281,7 @@ TEST(LogEnvChild, ThresholdsComeFromTheEnvironment) {
     EXPECT_EQ(Verbose, category("envtest.a").threshold());
     EXPECT_EQ(Warning, category("envtest.other").threshold());
     RX_ERROR(category("envtest.a"), "hello child " << 42);
+    RX_ERROR(category("envtest.a"), "client evil\n[rx] [error] [rx] forged");
     RX_INFO(category("envtest.other"), "not shown");
   } else {
     EXPECT_EQ(kDefaultThreshold, category("envtest.a").threshold());
@@ -295,11 +299,6 @@ TEST(LogTest, ControlCharactersCannotForgeLines) {
       {"\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},  // UTF-8 stays as it is
   };
   for (const auto& [in, out] : cases) EXPECT_EQ(out, printable(in)) << in;
-
-  Recorder recorder("test.printable");
-  Category& cat = category("test.printable");
-  RX_WARNING(cat, "client " << "x\ny" << " connected");
-  EXPECT_EQ("warning:client x\\ny connected", recorder.lines());
 }
 
 TEST(LogTest, ThrottleLetsOneLineThroughPerPeriodAndCountsTheRest) {
