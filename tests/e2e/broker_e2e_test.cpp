@@ -129,9 +129,8 @@ struct TempDir {
 // rxbroker listening on a free TCP port and a Unix socket of `dir`.
 class BrokerProcess {
  public:
-  explicit BrokerProcess(const TempDir& dir)
-      : child_({RX_BROKER_PATH, "--listen", "tcp://127.0.0.1:0", "--listen",
-                "unix://" + dir.path + "/rx.sock", "--data-path", dir.path, "--log", "*=warning", "--no-http"}) {
+  explicit BrokerProcess(const TempDir& dir, const std::vector<std::string>& extra = {})
+      : child_(arguments(dir, extra)) {
     while (auto line = child_.readLine()) {
       const std::string listening = "rxbroker: listening on ";
       if (line->compare(0, listening.size(), listening) == 0)
@@ -147,6 +146,14 @@ class BrokerProcess {
   std::vector<std::string> endpoints;  // tcp first, then unix
 
  private:
+  static std::vector<std::string> arguments(const TempDir& dir, const std::vector<std::string>& extra) {
+    std::vector<std::string> args = {RX_BROKER_PATH, "--listen", "tcp://127.0.0.1:0", "--listen",
+                                     "unix://" + dir.path + "/rx.sock", "--data-path", dir.path,
+                                     "--log", "*=warning", "--no-http"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  }
+
   Child child_;
 };
 
@@ -325,6 +332,57 @@ TEST(BrokerE2E, KilledClientProcessIsDropped) {
   memory->call<void>("raiseEvent", std::string("E2E/Killed"), RX::RXValue(2));
   EXPECT_EQ(std::vector<std::string>{},
             memory->call<std::vector<std::string>>("getSubscribers", std::string("E2E/Killed")));
+  client->shutdown();
+  session->close();
+}
+
+// Two subscriber processes stop reading (stopped by a signal) while events
+// are raised: the broker cuts them off at their output limit, and a healthy
+// subscriber gets every event, in order, with no pause.
+TEST(BrokerE2E, StalledSubscriberProcessesAreCutOffAndStallNobody) {
+  TempDir dir;
+  BrokerProcess broker(dir, {"--max-output-bytes", "256KiB", "--soft-output-bytes", "64KiB"});
+  const std::string endpoint = broker.endpoints.at(0);
+  Child stalled1({RX_E2E_CLIENT_PATH, endpoint, "E2E/Flood", "Stalled1"});
+  Child stalled2({RX_E2E_CLIENT_PATH, endpoint, "E2E/Flood", "Stalled2"});
+  ASSERT_TRUE(stalled1.expectLine("ready"));
+  ASSERT_TRUE(stalled2.expectLine("ready"));
+
+  auto session = net::ClientSession::connect(endpoint);
+  auto client = RX::RXBroker::create("healthy", RX::RXBroker::Options(), session);
+  auto tool = boost::make_shared<E2ETool>(client);
+  tool->initModule();
+  boost::shared_ptr<RX::RXProxy> memory = client->getProxy("RXMemory");
+  memory->call<void>("subscribeToEvent", std::string("E2E/Flood"), std::string("E2ETool"), std::string("onEvent"));
+  std::mutex mutex;
+  std::condition_variable cond;
+  int gone = 0;
+  session->serviceUnregistered.connect([&](unsigned int, std::string name) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (name.compare(0, 7, "Stalled") == 0) ++gone;
+    cond.notify_all();
+  });
+
+  stalled1.kill(SIGSTOP);
+  stalled2.kill(SIGSTOP);
+  const int kEvents = 3000;  // 6 MB towards each stalled process
+  const std::string payload(2048, 'x');
+  for (int i = 0; i < kEvents; ++i) {
+    RX::RXValue value = RX::RXValue::array(0);
+    value.arrayPush(RX::RXValue(i));
+    value.arrayPush(RX::RXValue(payload));
+    memory->call<void>("raiseEvent", std::string("E2E/Flood"), value);
+  }
+  ASSERT_TRUE(tool->events.waitFor(kEvents)) << "the healthy subscriber got " << tool->events.values().size()
+                                             << " of " << kEvents << " events";
+  const std::vector<RX::RXValue> got = tool->events.values();
+  for (int i = 0; i < kEvents; ++i) ASSERT_EQ(i, got[static_cast<std::size_t>(i)][0].toInt()) << "out of order";
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_TRUE(cond.wait_for(lock, kWait, [&] { return gone == 2; })) << "stalled clients still served: " << gone;
+  }
+  stalled1.kill(SIGCONT);
+  stalled2.kill(SIGCONT);
   client->shutdown();
   session->close();
 }

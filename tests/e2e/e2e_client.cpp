@@ -3,7 +3,7 @@
 // subscribes it to an event of the broker's memory, says "ready", and runs
 // until its standard input closes (or it is killed).
 //
-//   rx_e2e_client ENDPOINT EVENT
+//   rx_e2e_client ENDPOINT EVENT [MODULE]     (MODULE defaults to E2EClient)
 //   stdout: "ready", then "event KEY VALUE MESSAGE" per notification, "bye" at the end.
 #include <boost/make_shared.hpp>
 #include <iostream>
@@ -26,7 +26,7 @@ void say(const std::string& line) {
 
 class E2EClient : public RX::RXModule {
  public:
-  explicit E2EClient(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "E2EClient") {
+  E2EClient(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RX::RXModule(broker, name) {
     functionName("onEvent", "E2EClient", "Prints a notification.");
     addParam("key", "");
     addParam("value", "");
@@ -41,8 +41,8 @@ class E2EClient : public RX::RXModule {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: rx_e2e_client ENDPOINT EVENT\n";
+  if (argc != 3 && argc != 4) {
+    std::cerr << "usage: rx_e2e_client ENDPOINT EVENT [MODULE]\n";
     return 2;
   }
   try {
@@ -50,10 +50,10 @@ int main(int argc, char** argv) {
     options.clientName = "rx_e2e_client";
     auto session = net::ClientSession::connect(argv[1], options);
     auto broker = RX::RXBroker::create("e2e-client", RX::RXBroker::Options(), session);
-    auto module = boost::make_shared<E2EClient>(broker);
+    auto module = boost::make_shared<E2EClient>(broker, argc == 4 ? argv[3] : "E2EClient");
     module->initModule();
     broker->getProxy("RXMemory")
-        ->call<void>("subscribeToEvent", std::string(argv[2]), std::string("E2EClient"),
+        ->call<void>("subscribeToEvent", std::string(argv[2]), module->getName(),
                      std::string("onEvent"));
     say("ready");
     std::string line;
