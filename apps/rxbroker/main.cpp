@@ -18,6 +18,7 @@
 #include "net/server.h"
 #include "rx/rxbroker.h"
 #include "rx/rxlog.h"
+#include "rx/rxmemorybudget.h"
 
 namespace {
 
@@ -101,6 +102,12 @@ int main(int argc, char** argv) {
   app.add_option("--soft-output-ms", softOutputMs, "How long a client may stay over --soft-output-bytes")
       ->capture_default_str()
       ->check(CLI::Range(0u, 3600000u));
+  std::size_t maxMemory = 0;
+  app.add_option("--max-memory", maxMemory,
+                 "Resident memory beyond which the memory's writes fail with an error instead of the process "
+                 "being killed by the system (e.g. 2GiB; 0: no limit)")
+      ->capture_default_str()
+      ->transform(CLI::AsSizeValue(false));
   CLI11_PARSE(app, argc, argv);
   serverOptions.handshakeTimeout = std::chrono::milliseconds(handshakeMs);
   serverOptions.output.softTime = std::chrono::milliseconds(softOutputMs);
@@ -133,6 +140,9 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  std::unique_ptr<RX::MemoryBudget> memoryBudget;
+  if (maxMemory) memoryBudget = std::make_unique<RX::MemoryBudget>(maxMemory);
 
   RX::RXBroker::Options options;
   options.threads = threads;

@@ -17,6 +17,7 @@
 #include "rx/rxbrokermanager.h"
 #include "rx/rxexecutor.h"
 #include "rx/rxlog.h"
+#include "rx/rxmemorybudget.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
 
@@ -448,6 +449,27 @@ TEST(RXBroker, ShutdownDeliversPendingPostsBeforeModulesExit) {
   stopper.join();
   ASSERT_EQ(100u, received->values().size()) << "shutdown dropped pending notifications";
   EXPECT_EQ(99, received->values().back());
+}
+
+TEST(MemoryBudgetTest, WritesAreRefusedOnlyWhileTheProcessIsOverTheCeiling) {
+  using RX::MemoryBudget;
+  using RX::RXError;
+  EXPECT_NO_THROW(MemoryBudget::check("RXMemory", "insertData")) << "no ceiling, no refusal";
+  EXPECT_GT(MemoryBudget::residentBytes(), 0u);
+  {
+    MemoryBudget tight(1);
+    try {
+      MemoryBudget::check("RXMemory", "insertData");
+      ADD_FAILURE() << "a write was accepted over the ceiling";
+    } catch (const RXError& e) {
+      EXPECT_EQ("insertData", e.method());
+      EXPECT_EQ(0u, e.message().find("memory limit reached: resident ")) << e.message();
+      EXPECT_NE(std::string::npos, e.message().find(" bytes over maxMemory 1 bytes")) << e.message();
+    }
+  }
+  EXPECT_FALSE(MemoryBudget::exceeded()) << "the ceiling went with its budget";
+  MemoryBudget roomy(std::size_t(1) << 50);
+  EXPECT_NO_THROW(MemoryBudget::check("RXMemory", "insertData"));
 }
 
 }  // namespace
