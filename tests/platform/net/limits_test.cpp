@@ -8,6 +8,7 @@
 
 #include "net/writeflusher.h"
 #include "rx/rxcallcontext.h"
+#include "rx/rxlog.h"
 #include "transport_fixture.h"
 
 namespace nettest {
@@ -238,6 +239,29 @@ TEST_F(ServerLimits, PartialFramesOverTheInputBudgetCloseTheClientThatAsksForMor
   ASSERT_EQ(std::future_status::ready, sending.wait_for(kWait));
   EXPECT_EQ(1u, counter("connections closed: buffered input over maxInputBytes"));
   EXPECT_NO_THROW(greeted("modest")) << "the others are still served";
+}
+
+TEST_F(ServerLimits, AFloodOfMalformedFramesIsCountedButLoggedOnceASecond) {
+  start(net::Server::Options());
+  std::atomic<int> lines{0};
+  const int observer = RX::log::addObserver([&](const std::string& category, int, const std::string& message) {
+    if (category == "net.server" && message.find("malformed frame") != std::string::npos) ++lines;
+  });
+  auto flooding = greeted("flooding");
+  std::string frames;
+  for (int i = 0; i < 500; ++i) frames += std::string{0, 0, 0, 1, static_cast<char>(0xc1)};
+  flooding->sendFrames(frames);
+  net::Message ping;
+  ping.kind = static_cast<std::uint8_t>(net::MessageKind::Ping);
+  ping.requestId = 99;
+  flooding->send(ping);
+  net::Message pong;
+  ASSERT_EQ(net::Connection::ReadStatus::Message, flooding->read(pong));  // served in order: the flood is behind us
+  EXPECT_EQ(99u, pong.requestId);
+  RX::log::removeObserver(observer);
+  EXPECT_EQ(500u, counter("malformed frames received"));
+  EXPECT_LE(lines.load(), 2) << "one line a second, whatever the rate";
+  EXPECT_GE(lines.load(), 1);
 }
 
 TEST_F(ServerLimits, ARequestWhoseCallerHangsUpIsToldSo) {
