@@ -114,7 +114,7 @@ Connection::Connection(int fd, std::string description, const Limits& limits)
       }) {}
 
 Connection::~Connection() {
-  if (flusher_) flusher_->forget(id_);
+  if (auto flusher = flusher_.lock()) flusher->forget(id_);
   if (inputBudget_) inputBudget_->give(budgeted_);
   ::close(fd_);
 }
@@ -200,16 +200,21 @@ void Connection::sendFrames(std::string_view frames) {
     pending_.append(frames.data() + taken, frames.size() - taken);
     const std::string reason = overLimit(std::chrono::steady_clock::now());
     if (reason.empty()) {
-      if (!armed_) {
-        armed_ = true;
-        flusher_->arm(shared_from_this(), fd_, id_);
-      }
+      if (!armed_) armed_ = arm();
       return;
     }
     cutOffText = cutOff(reason);
   }
   reportCutOff(cutOffText);
   throw RemoteError("connection to " + description_ + " cut off: " + cutOffText);
+}
+
+bool Connection::arm() {
+  auto flusher = flusher_.lock();
+  // Without a flusher (the server has stopped) the kept bytes stay until the
+  // connection is closed with the rest.
+  if (flusher) flusher->arm(shared_from_this(), fd_, id_);
+  return flusher != nullptr;
 }
 
 std::size_t Connection::writeSome(const char* data, std::size_t size) {
@@ -259,8 +264,7 @@ void Connection::flush() noexcept {
     }
     const std::string reason = overLimit(std::chrono::steady_clock::now());
     if (reason.empty()) {
-      armed_ = true;
-      flusher_->arm(shared_from_this(), fd_, id_);
+      armed_ = arm();
       return;
     }
     cutOffText = cutOff(reason);

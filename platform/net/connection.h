@@ -142,6 +142,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Writes without waiting; returns how much the socket took. Closes the
   // connection and throws RemoteError when it fails.
   std::size_t writeSome(const char* data, std::size_t size);
+  // REQUIRES: writeMutex_ held. Asks the flusher to write the kept bytes; false without one.
+  bool arm();
   // REQUIRES: writeMutex_ held. The reason to cut the connection off now, or empty.
   std::string overLimit(std::chrono::steady_clock::time_point now);
   // REQUIRES: writeMutex_ held. Closes and drops the kept bytes; returns the
@@ -163,7 +165,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   mutable std::mutex writeMutex_;
   bool buffered_ = false;
   OutputLimits outputLimits_;
-  std::shared_ptr<WriteFlusher> flusher_;
+  std::weak_ptr<WriteFlusher> flusher_;  // owned by the server, which outlives its writes
   std::function<void(const std::string&)> onCutOff_;
   std::string pending_;      // bytes [pendingHead_, end) wait for the socket
   std::size_t pendingHead_ = 0;
