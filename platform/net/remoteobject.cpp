@@ -10,6 +10,11 @@ namespace net {
 
 namespace {
 
+RX::log::Category& objectLog() {
+  static RX::log::Category& cat = RX::log::category("net.object");
+  return cat;
+}
+
 // One letter per argument: what overload resolution looks at. Arrays are
 // told apart by content because lists of strings and of string pairs pick
 // different overloads.
@@ -85,16 +90,16 @@ void RemoteObject::setDisplayName(const std::string& name) {
   displayName_ = name;
 }
 
-void RemoteObject::throwNoMethod(const std::string& method,
-                                 const mz::GenericFunctionParameters& params) const {
-  std::string name;
-  {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    name = displayName_;
-  }
-  if (meta_.findMethod(method).empty()) throw mz::MethodNotFoundError(name + ": no method named " + method);
-  throw mz::MethodNotFoundError(name + ": no method " + method + " accepting " +
-                                mz::MetaObject::describeArguments(params));
+std::string RemoteObject::displayName() const {
+  std::lock_guard<std::mutex> lock(metaMutex_);
+  return displayName_;
+}
+
+std::string RemoteObject::noMethodText(const std::string& method,
+                                       const mz::GenericFunctionParameters& params) const {
+  // REQUIRES: the catalogue is known.
+  if (meta_.findMethod(method).empty()) return "no method named " + method;
+  return "no method " + method + " accepting " + mz::MetaObject::describeArguments(params);
 }
 
 void RemoteObject::setRebinder(Rebinder rebinder) {
@@ -183,10 +188,18 @@ mz::AnyValue RemoteObject::metaCallById(unsigned int uid, const mz::GenericFunct
 
 void RemoteObject::metaPost(const std::string& method, mz::GenericFunctionParameters params) {
   if (bridge_->isClosed()) return redirect()->metaPost(method, std::move(params));
-  // Like a local object, refuse at once a post that can never run, when the
-  // catalogue is known (services always come with theirs).
-  if (metaKnown_.load(std::memory_order_acquire) && resolveCached(method, params) < 0)
-    throwNoMethod(method, params);
+  // A post that can never run is dropped here rather than sent, when the
+  // catalogue is known (services always come with theirs). It is not thrown:
+  // a poster such as the memory takes an exception for "the target has gone"
+  // and forgets the subscriber, whereas a local module with the same mistake
+  // keeps its subscription and only logs when the call runs.
+  if (metaKnown_.load(std::memory_order_acquire) && resolveCached(method, params) < 0) {
+    std::uint64_t held = 0;
+    if (postWarnings_.allow(held))
+      RX_WARNING(objectLog(), "post to " << displayName() << "." << method << " dropped: "
+                                         << noMethodText(method, params) << RX::log::heldBack(held));
+    return;
+  }
   Message m = request(MessageKind::Post, id_);
   m.fields.emplace_back(method);
   m.fields.push_back(argumentArray(params));

@@ -4,7 +4,10 @@
 // reply on the calling thread; posts return at once; signals are followed
 // through link messages. Its catalogue comes with the reference when the
 // other side sent it (service lookup, registration), else it is asked for on
-// first use of metaObject(). Dropping the last handle sends Release.
+// first use of metaObject(). Dropping the last handle sends Release. A post
+// that no method of a known catalogue accepts is dropped with a warning (at
+// most one a second per object), never thrown: posts throw only when the
+// other side has gone (mz::ObjectGoneError on the broker).
 //
 // A handle obtained by service name may carry a rebinder: when its connection
 // is gone and a new one is up, it looks the service up again and forwards to
@@ -23,6 +26,7 @@
 #include <unordered_map>
 
 #include "mz/object.h"
+#include "rx/rxlog.h"
 
 namespace net {
 
@@ -70,13 +74,15 @@ class RemoteObject : public mz::GenericObject {
   // not known or accepts nothing (the other side then resolves by name).
   int resolveCached(const std::string& method, const mz::GenericFunctionParameters& params);
   mz::AnyValue call(RX::RXValue method, const mz::GenericFunctionParameters& params);
-  [[noreturn]] void throwNoMethod(const std::string& method,
-                                  const mz::GenericFunctionParameters& params) const;
+  std::string displayName() const;
+  // "no method named foo", "no method foo accepting (string, int)".
+  std::string noMethodText(const std::string& method, const mz::GenericFunctionParameters& params) const;
 
   // Constant after construction.
   const std::shared_ptr<ObjectBridge> bridge_;
   const std::uint64_t id_;
   std::atomic<std::uint32_t> received_{1};
+  RX::log::Throttle postWarnings_;  // posts dropped for want of a matching method
 
   // Guarded by metaMutex_; meta_ never changes once haveMeta_ is set, so the
   // reference metaObject() returns stays valid.

@@ -1,0 +1,89 @@
+// A client process against the real rxbroker process when things go wrong:
+// a subscriber whose callback does not match what the memory posts (it keeps
+// its subscription, as an in-process module does).
+#include <gtest/gtest.h>
+
+#include <boost/make_shared.hpp>
+
+#include "e2e_process.h"
+#include "net/clientsession.h"
+#include "rx/rxbroker.h"
+#include "rx/rxerror.h"
+#include "rx/rxmodule.h"
+#include "rx/rxproxy.h"
+
+namespace e2e {
+namespace {
+
+using Names = std::vector<std::string>;
+
+// A client module: a subscriber callback that records "KEY=VALUE", a callback
+// whose parameters match no notification, and a signal the memory can map.
+class Follower : public RX::RXModule {
+ public:
+  explicit Follower(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Follower") {
+    functionName("onNotify", "Follower", "Records a notification.");
+    addParam("key", "");
+    addParam("value", "");
+    addParam("message", "");
+    advertiseMethod(getCurrentMethodDescription(), this, &Follower::onNotify);
+    functionName("onEvent", "Follower", "Takes one int: no notification fits.");
+    addParam("value", "");
+    advertiseMethod(getCurrentMethodDescription(), this, &Follower::onEvent);
+    // (A mapped signal's name may not be shorter than its service's.)
+    advertiseSignal("beepedLoudly", &beeped);
+  }
+  void onNotify(const std::string& key, const RX::RXValue& value, const RX::RXValue&) {
+    notified.add(RX::RXValue(key + "=" + value.toString(0)));
+  }
+  void onEvent(int value) { ints.add(RX::RXValue(value)); }
+
+  mz::SignalF<void(mz::AnyValue)> beeped;
+  Recorder notified, ints;
+};
+
+TEST(MismatchedCallback, ClientSubscriberKeepsItsSubscriptionAndIsWarnedOnce) {
+  TempDir dir;
+  BrokerProcess broker(dir, "tcp://127.0.0.1:0", /*logToOutput=*/true);
+  auto session = net::ClientSession::connect(broker.endpoint);
+  auto client = RX::RXBroker::create("follower", RX::RXBroker::Options(), session);
+  auto follower = boost::make_shared<Follower>(client);
+  follower->initModule();
+  boost::shared_ptr<RX::RXProxy> memory = client->getProxy("RXMemory");
+
+  // onEvent exists, but takes one int: the memory posts (key, value, message).
+  memory->call<void>("subscribeToEvent", std::string("R/Mismatch"), std::string("Follower"), std::string("onEvent"));
+  const auto start = std::chrono::steady_clock::now();
+  const int kRaises = 5;
+  for (int i = 0; i < kRaises; ++i) memory->call<void>("raiseEvent", std::string("R/Mismatch"), RX::RXValue(i));
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(Names{"Follower"}, memory->call<Names>("getSubscribers", std::string("R/Mismatch")));
+
+  // The broker logs a known warning for this call: every line the raises
+  // logged comes before it.
+  memory->call<void>("unregisterModuleReference", std::string("Follower"));
+  const std::optional<Names> lines = broker.linesUntil("unregisterModuleReference is deprecated");
+  ASSERT_TRUE(lines) << "the broker's log did not show the marker";
+  Names warnings;
+  for (const std::string& line : *lines)
+    if (line.find("post to Follower.onEvent") != std::string::npos) warnings.push_back(line);
+  ASSERT_FALSE(warnings.empty()) << "no warning for the dropped posts";
+  EXPECT_EQ(
+      "[rx] [warning] [net.object] post to Follower.onEvent dropped: no method onEvent accepting (string, int, "
+      "string)",
+      warnings[0]);
+  // One line a second at most (the raises may take longer on a loaded machine).
+  EXPECT_LE(warnings.size(), 1 + static_cast<std::size_t>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count()));
+
+  // Subscribed again with a matching callback, the module receives events.
+  memory->call<void>("subscribeToEvent", std::string("R/Mismatch"), std::string("Follower"), std::string("onNotify"));
+  memory->call<void>("raiseEvent", std::string("R/Mismatch"), RX::RXValue(42));
+  ASSERT_TRUE(follower->notified.waitFor(1));
+  EXPECT_EQ("R/Mismatch=42", follower->notified.values()[0].toString(0));
+  EXPECT_TRUE(follower->ints.values().empty());
+  client->shutdown();
+  session->close();
+}
+
+}  // namespace
+}  // namespace e2e
