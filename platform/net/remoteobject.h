@@ -13,6 +13,10 @@
 // is gone and a new one is up, it looks the service up again and forwards to
 // the new object, so that proxies kept across a broker restart keep working.
 //
+// A client session may track a handle (see track()): its calls and signal
+// connections are then reported to the session's SubscriptionJournal, so that
+// what they made at the broker can be made again after a broker restart.
+//
 // Thread safety: every member may be called from any thread.
 #pragma once
 
@@ -31,6 +35,8 @@
 namespace net {
 
 class ObjectBridge;
+class SubscriptionJournal;
+struct ObjectOrigin;
 
 class RemoteObject : public mz::GenericObject {
  public:
@@ -52,6 +58,12 @@ class RemoteObject : public mz::GenericObject {
   // The name used in errors worded here (a service's name), as a local
   // object would word them: "Calc: no method named foo".
   void setDisplayName(const std::string& name);
+  // Reports the calls and connections made through this handle to `journal`,
+  // as those of an object obtained by `origin`; an object a call on a tracked
+  // service returns is tracked in turn. The first tracking stays; untracked
+  // handles (the broker's, and the client's with remaking off) pay one flag
+  // test per call.
+  void track(std::shared_ptr<SubscriptionJournal> journal, std::shared_ptr<const ObjectOrigin> origin);
 
   // Throws what throwGone() of the bridge throws when the catalogue has to
   // be fetched and the other side cannot be reached.
@@ -74,6 +86,14 @@ class RemoteObject : public mz::GenericObject {
   // not known or accepts nothing (the other side then resolves by name).
   int resolveCached(const std::string& method, const mz::GenericFunctionParameters& params);
   mz::AnyValue call(RX::RXValue method, const mz::GenericFunctionParameters& params);
+  mz::AnyValue untrackedCall(const std::string& method, const mz::GenericFunctionParameters& params);
+  mz::AnyValue untrackedCallById(unsigned int uid, const mz::GenericFunctionParameters& params);
+  // Runs makeCall() and reports it (see noteCall); REQUIRES: tracked_.
+  template <typename F>
+  mz::AnyValue trackedCall(const std::string& method, const mz::GenericFunctionParameters& params, F&& makeCall);
+  // Reports a call made on a tracked handle, and tracks the object it returned.
+  void noteCall(const std::string& method, const mz::GenericFunctionParameters& params,
+                const mz::AnyValue* result);
   std::string displayName() const;
   // "no method named foo", "no method foo accepting (string, int)".
   std::string noMethodText(const std::string& method, const mz::GenericFunctionParameters& params) const;
@@ -91,6 +111,12 @@ class RemoteObject : public mz::GenericObject {
   mutable mz::MetaObject meta_;
   mutable std::atomic<bool> metaKnown_{false};  // haveMeta_, readable without the lock
   std::string displayName_ = "remote object";
+
+  // Set once by track() under metaMutex_ before tracked_ turns true, then
+  // never changed: readable without the lock once tracked_ is seen true.
+  std::atomic<bool> tracked_{false};
+  std::shared_ptr<SubscriptionJournal> journal_;
+  std::shared_ptr<const ObjectOrigin> origin_;
 
   // Guarded by cacheMutex_.
   std::mutex cacheMutex_;
