@@ -108,7 +108,8 @@ void RemoteObject::setRebinder(Rebinder rebinder) {
   rebinder_ = std::move(rebinder);
 }
 
-void RemoteObject::track(std::shared_ptr<SubscriptionJournal> journal, std::shared_ptr<const ObjectOrigin> origin) {
+void RemoteObject::track(std::shared_ptr<SubscriptionJournal> journal,
+                         std::shared_ptr<const ObjectOrigin> origin) {
   std::lock_guard<std::mutex> lock(metaMutex_);
   if (tracked_.load(std::memory_order_relaxed) || !journal || !origin) return;
   journal_ = std::move(journal);
@@ -211,7 +212,8 @@ mz::AnyValue RemoteObject::metaCall(const std::string& method, const mz::Generic
   return trackedCall(method, params, [&] { return untrackedCall(method, params); });
 }
 
-mz::AnyValue RemoteObject::untrackedCall(const std::string& method, const mz::GenericFunctionParameters& params) {
+mz::AnyValue RemoteObject::untrackedCall(const std::string& method,
+                                         const mz::GenericFunctionParameters& params) {
   if (bridge_->isClosed()) return redirect()->metaCall(method, params);
   // A known overload travels as its uid, so the other side skips the lookup;
   // otherwise the name goes and the other side resolves (and words the error).

@@ -90,7 +90,8 @@ class RemoteObject : public mz::GenericObject {
   mz::AnyValue untrackedCallById(unsigned int uid, const mz::GenericFunctionParameters& params);
   // Runs makeCall() and reports it (see noteCall); REQUIRES: tracked_.
   template <typename F>
-  mz::AnyValue trackedCall(const std::string& method, const mz::GenericFunctionParameters& params, F&& makeCall);
+  mz::AnyValue trackedCall(const std::string& method, const mz::GenericFunctionParameters& params,
+                           F&& makeCall);
   // Reports a call made on a tracked handle, and tracks the object it returned.
   void noteCall(const std::string& method, const mz::GenericFunctionParameters& params,
                 const mz::AnyValue* result);

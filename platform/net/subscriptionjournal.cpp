@@ -149,15 +149,15 @@ void SubscriptionJournal::replay(const std::function<mz::AnyObject(const std::st
     if (stopping()) return;
     try {
       service(kMemoryService)
-          .call(
-              "addMapping",
-              mz::GenericFunctionParameters{mz::AnyValue(entry.first.first), mz::AnyValue(entry.first.second),
-                                            mz::AnyValue(entry.second)});
+          .call("addMapping",
+                mz::GenericFunctionParameters{mz::AnyValue(entry.first.first),
+                                              mz::AnyValue(entry.first.second), mz::AnyValue(entry.second)});
       ++done;
     } catch (const std::exception& e) {
       ++failed;
       RX_WARNING(journalLog(), "cannot make the mapping " << entry.first.first << "." << entry.first.second
-                                                          << " -> " << entry.second << " again: " << e.what());
+                                                          << " -> " << entry.second
+                                                          << " again: " << e.what());
     }
   }
   for (const auto& entry : subscriptions) {

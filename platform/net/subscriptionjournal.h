@@ -46,8 +46,8 @@ class SubscriptionJournal {
   // outcome (the application wants it gone); a successful addMapping (either
   // overload) is remembered by (service, signal) until clear(). Other calls
   // and other objects cost a flag test.
-  void noteCall(const ObjectOrigin& origin, const std::string& method, const mz::GenericFunctionParameters& params,
-                bool succeeded);
+  void noteCall(const ObjectOrigin& origin, const std::string& method,
+                const mz::GenericFunctionParameters& params, bool succeeded);
   // After a successful connect on an object of `origin`: the application
   // knows the connection as `link` for as long as it lives.
   void noteConnect(std::shared_ptr<const ObjectOrigin> origin, const std::string& signal,
@@ -95,8 +95,8 @@ class SubscriptionJournal {
 
   // Guarded by mutex_.
   mutable std::mutex mutex_;
-  std::map<Key, Call> subscriptions_;     // (event, module) -> the subscribing call
-  std::map<Key, std::string> mappings_;   // (service, signal) -> event
+  std::map<Key, Call> subscriptions_;                 // (event, module) -> the subscribing call
+  std::map<Key, std::string> mappings_;               // (service, signal) -> event
   std::map<mz::SignalLink, Connection> connections_;  // by the application's link, oldest first
 };
 

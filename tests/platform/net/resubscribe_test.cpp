@@ -48,16 +48,21 @@ TEST_P(Resubscribe, SignalConnectionsOnBrokerObjectsAreRemade) {
   client->reconnected.connect([&] { ups.add(RX::RXValue(1)); });
   std::mutex mutex;
   std::vector<std::string> warnings;
-  const int observer = RX::log::addObserver([&](const std::string& category, int level, const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (category == "net.client" && level == RX::log::Warning && text.find(" again") != std::string::npos)
-      warnings.push_back(text);
-  });
+  const int observer =
+      RX::log::addObserver([&](const std::string& category, int level, const std::string& text) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (category == "net.client" && level == RX::log::Warning && text.find(" again") != std::string::npos)
+          warnings.push_back(text);
+      });
 
   Recorder ticks, counted, pinged;
   mz::AnyObject calc = client->service("Calc").value();
-  const mz::SignalLink tickLink = calc.connect("ticked", [&](mz::AnyValue v) { ticks.add(v.toRXValue()); }).value();
-  client->service("Extra").value().connect("pinged", [&](mz::AnyValue v) { pinged.add(v.toRXValue()); }).value();
+  const mz::SignalLink tickLink =
+      calc.connect("ticked", [&](mz::AnyValue v) { ticks.add(v.toRXValue()); }).value();
+  client->service("Extra")
+      .value()
+      .connect("pinged", [&](mz::AnyValue v) { pinged.add(v.toRXValue()); })
+      .value();
   mz::AnyObject counter = calc.call<mz::AnyObject>("makeCounter");
   const mz::SignalLink counterLink =
       counter.connect("changed", [&](mz::AnyValue v) { counted.add(v.toRXValue()); }).value();
