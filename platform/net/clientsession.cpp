@@ -13,6 +13,7 @@
 #include "net/metacodec.h"
 #include "net/objectbridge.h"
 #include "net/remoteobject.h"
+#include "net/subscriptionjournal.h"
 #include "rx/rxexecutor.h"
 #include "rx/rxlog.h"
 
@@ -551,7 +552,8 @@ ClientSession::ClientSession(const std::string& endpoint, const Options& options
         return o;
       }()),
       executor_(std::make_shared<RX::RXExecutor>(std::max(2u, options.executorThreads))),
-      serviceEvents_(executor_->makeQueue("service events from " + endpointText_, options_.queueCapacity)) {}
+      serviceEvents_(executor_->makeQueue("service events from " + endpointText_, options_.queueCapacity)),
+      journal_(options.remakeSubscriptions ? std::make_shared<SubscriptionJournal>() : nullptr) {}
 
 ClientSession::~ClientSession() { close(); }
 
@@ -668,6 +670,7 @@ mz::Future<mz::AnyObject> ClientSession::service(const std::string& name, const 
         auto session = self.lock();
         return session ? session->lookupRemote(name) : mz::AnyObject();
       });
+      if (journal_) remote->track(journal_, SubscriptionJournal::serviceOrigin(name));
     }
     return mz::makeFutureValue(object);
   } catch (const std::exception& e) {
@@ -788,6 +791,13 @@ void ClientSession::supervise() {
           // Lost while registering: its reader's news was ignored (not yet current).
           if (!fresh->alive()) linkLost_ = true;
         }
+        // After the registrations, which the subscriptions name.
+        if (journal_)
+          journal_->replay([&fresh](const std::string& name) { return fresh->lookup(name); },
+                           [this] {
+                             std::lock_guard<std::mutex> relock(mutex_);
+                             return closed_;
+                           });
         backoff = options_.reconnectMin;
         reconnected();
       } catch (const std::exception& e) {
@@ -809,8 +819,10 @@ void ClientSession::close() {
     link.swap(link_);
   }
   wake_.notify_all();
+  // A replay under way stops before its next item (it asks closed_).
   if (supervisor_.joinable()) supervisor_.join();
   if (link) link->shutdown();
+  if (journal_) journal_->clear();
   // Drains what is queued: replies to a closed connection are simply lost.
   executor_->shutdown();
 }

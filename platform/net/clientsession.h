@@ -16,9 +16,11 @@
 // object and emissions of one link keep their order. A supervisor thread pings
 // the broker every second, declares it dead after five silent seconds, and
 // reconnects with backoff (100 ms doubling to 2 s), registering the local
-// services again and then emitting reconnected(). While disconnected, calls
-// fail at once with RemoteError "not connected to ENDPOINT"; objects obtained
-// by service name find their service again once reconnected.
+// services again, making again what the session made at the broker (see
+// Options::remakeSubscriptions), and then emitting reconnected(). While
+// disconnected, calls fail at once with RemoteError "not connected to
+// ENDPOINT"; objects obtained by service name find their service again once
+// reconnected.
 //
 // Thread safety: every member may be called from any thread. Drop the last
 // reference from a thread of your own, not from a callback the session runs.
@@ -46,6 +48,8 @@ class SerialQueue;
 
 namespace net {
 
+class SubscriptionJournal;
+
 class ClientSession : public mz::Session, public std::enable_shared_from_this<ClientSession> {
  public:
   struct Options {
@@ -65,6 +69,14 @@ class ClientSession : public mz::Session, public std::enable_shared_from_this<Cl
     // a slow service neither stalls the reader nor grows memory without bound.
     std::size_t queueCapacity = 10000;
     Limits limits;                       // what the broker may make us decode
+    // Remember what calls through this session make at the broker, and make it
+    // again after reconnecting (a restarted broker has forgotten it): the
+    // memory's subscriptions (subscribeToEvent, subscribeToMicroEvent, until
+    // unsubscribed) and mappings (addMapping), and signal connections on the
+    // broker's services and on objects their calls returned (the key signal
+    // object of the memory's subscriber(key)), with the same subscriber and,
+    // for the application, the same link id.
+    bool remakeSubscriptions = true;
   };
 
   // Connects to a broker; throws net::EndpointError for a malformed endpoint
@@ -108,7 +120,7 @@ class ClientSession : public mz::Session, public std::enable_shared_from_this<Cl
   void close();
 
   // Emitted on the supervisor thread when the connection to the broker is lost
-  // and once it is back (services registered again).
+  // and once it is back (services registered again, subscriptions remade).
   mz::SignalF<void()> disconnected;
   mz::SignalF<void()> reconnected;
 
@@ -133,6 +145,7 @@ class ClientSession : public mz::Session, public std::enable_shared_from_this<Cl
   const Options options_;
   const std::shared_ptr<RX::RXExecutor> executor_;
   const std::shared_ptr<RX::SerialQueue> serviceEvents_;  // re-emitted in order
+  const std::shared_ptr<SubscriptionJournal> journal_;     // null when remaking is off
 
   // Guarded by mutex_.
   mutable std::mutex mutex_;

@@ -5,10 +5,16 @@
 #include "net/connection.h"
 #include "net/metacodec.h"
 #include "net/objectbridge.h"
+#include "net/subscriptionjournal.h"
 
 namespace net {
 
 namespace {
+
+RX::log::Category& objectLog() {
+  static RX::log::Category& cat = RX::log::category("net.object");
+  return cat;
+}
 
 // One letter per argument: what overload resolution looks at. Arrays are
 // told apart by content because lists of strings and of string pairs pick
@@ -85,21 +91,45 @@ void RemoteObject::setDisplayName(const std::string& name) {
   displayName_ = name;
 }
 
-void RemoteObject::throwNoMethod(const std::string& method,
-                                 const mz::GenericFunctionParameters& params) const {
-  std::string name;
-  {
-    std::lock_guard<std::mutex> lock(metaMutex_);
-    name = displayName_;
-  }
-  if (meta_.findMethod(method).empty()) throw mz::MethodNotFoundError(name + ": no method named " + method);
-  throw mz::MethodNotFoundError(name + ": no method " + method + " accepting " +
-                                mz::MetaObject::describeArguments(params));
+std::string RemoteObject::displayName() const {
+  std::lock_guard<std::mutex> lock(metaMutex_);
+  return displayName_;
+}
+
+std::string RemoteObject::noMethodText(const std::string& method,
+                                       const mz::GenericFunctionParameters& params) const {
+  // REQUIRES: the catalogue is known.
+  if (meta_.findMethod(method).empty()) return "no method named " + method;
+  return "no method " + method + " accepting " + mz::MetaObject::describeArguments(params);
 }
 
 void RemoteObject::setRebinder(Rebinder rebinder) {
   std::lock_guard<std::mutex> lock(redirectMutex_);
   rebinder_ = std::move(rebinder);
+}
+
+void RemoteObject::track(std::shared_ptr<SubscriptionJournal> journal,
+                         std::shared_ptr<const ObjectOrigin> origin) {
+  std::lock_guard<std::mutex> lock(metaMutex_);
+  if (tracked_.load(std::memory_order_relaxed) || !journal || !origin) return;
+  journal_ = std::move(journal);
+  origin_ = std::move(origin);
+  tracked_.store(true, std::memory_order_release);
+}
+
+void RemoteObject::noteCall(const std::string& method, const mz::GenericFunctionParameters& params,
+                            const mz::AnyValue* result) {
+  journal_->noteCall(*origin_, method, params, result != nullptr);
+  // An object returned by a call on a service can be obtained again by
+  // making that call again (the key signal object of the memory's subscriber(key)).
+  if (!result || !origin_->method.empty() || !result->isRXValue() || !result->toRXValue().isObject()) return;
+  auto* returned = dynamic_cast<RemoteObject*>(result->toRXValue().toObject().impl().get());
+  if (!returned || returned->tracked_.load(std::memory_order_acquire)) return;
+  auto origin = std::make_shared<ObjectOrigin>();
+  origin->service = origin_->service;
+  origin->method = method;
+  origin->params = params;
+  returned->track(journal_, std::move(origin));
 }
 
 std::shared_ptr<mz::GenericObject> RemoteObject::redirect() const {
@@ -163,7 +193,27 @@ mz::AnyValue RemoteObject::call(RX::RXValue method, const mz::GenericFunctionPar
   return mz::AnyValue(std::move(reply.fields[0]));
 }
 
+template <typename F>
+mz::AnyValue RemoteObject::trackedCall(const std::string& method, const mz::GenericFunctionParameters& params,
+                                       F&& makeCall) {
+  mz::AnyValue result;
+  try {
+    result = makeCall();
+  } catch (...) {
+    noteCall(method, params, nullptr);
+    throw;
+  }
+  noteCall(method, params, &result);
+  return result;
+}
+
 mz::AnyValue RemoteObject::metaCall(const std::string& method, const mz::GenericFunctionParameters& params) {
+  if (!tracked_.load(std::memory_order_acquire)) return untrackedCall(method, params);
+  return trackedCall(method, params, [&] { return untrackedCall(method, params); });
+}
+
+mz::AnyValue RemoteObject::untrackedCall(const std::string& method,
+                                         const mz::GenericFunctionParameters& params) {
   if (bridge_->isClosed()) return redirect()->metaCall(method, params);
   // A known overload travels as its uid, so the other side skips the lookup;
   // otherwise the name goes and the other side resolves (and words the error).
@@ -172,6 +222,15 @@ mz::AnyValue RemoteObject::metaCall(const std::string& method, const mz::Generic
 }
 
 mz::AnyValue RemoteObject::metaCallById(unsigned int uid, const mz::GenericFunctionParameters& params) {
+  if (!tracked_.load(std::memory_order_acquire)) return untrackedCallById(uid, params);
+  // The journal goes by method name (the catalogue is known: the uid came from it).
+  const mz::MetaObject& meta = metaObject();
+  static const std::string kNoName;
+  const std::string& name = uid < meta.methods.size() ? meta.methods[uid].name : kNoName;
+  return trackedCall(name, params, [&] { return untrackedCallById(uid, params); });
+}
+
+mz::AnyValue RemoteObject::untrackedCallById(unsigned int uid, const mz::GenericFunctionParameters& params) {
   if (bridge_->isClosed()) {
     // Uids are only meaningful for the catalogue they came from.
     const std::string name =
@@ -183,10 +242,18 @@ mz::AnyValue RemoteObject::metaCallById(unsigned int uid, const mz::GenericFunct
 
 void RemoteObject::metaPost(const std::string& method, mz::GenericFunctionParameters params) {
   if (bridge_->isClosed()) return redirect()->metaPost(method, std::move(params));
-  // Like a local object, refuse at once a post that can never run, when the
-  // catalogue is known (services always come with theirs).
-  if (metaKnown_.load(std::memory_order_acquire) && resolveCached(method, params) < 0)
-    throwNoMethod(method, params);
+  // A post that can never run is dropped here rather than sent, when the
+  // catalogue is known (services always come with theirs). It is not thrown:
+  // a poster such as the memory takes an exception for "the target has gone"
+  // and forgets the subscriber, whereas a local module with the same mistake
+  // keeps its subscription and only logs when the call runs.
+  if (metaKnown_.load(std::memory_order_acquire) && resolveCached(method, params) < 0) {
+    std::uint64_t held = 0;
+    if (postWarnings_.allow(held))
+      RX_WARNING(objectLog(), "post to " << displayName() << "." << method << " dropped: "
+                                         << noMethodText(method, params) << RX::log::heldBack(held));
+    return;
+  }
   Message m = request(MessageKind::Post, id_);
   m.fields.emplace_back(method);
   m.fields.push_back(argumentArray(params));
@@ -197,8 +264,16 @@ mz::Future<mz::SignalLink> RemoteObject::metaConnect(const std::string& signal,
                                                      mz::SignalSubscriber subscriber,
                                                      mz::MetaCallType callType) {
   try {
-    if (bridge_->isClosed()) return redirect()->metaConnect(signal, std::move(subscriber), callType);
-    return mz::makeFutureValue<mz::SignalLink>(bridge_->connectRemote(id_, signal, std::move(subscriber)));
+    // A tracked connection keeps the subscriber to make it again later.
+    mz::SignalSubscriber kept;
+    if (tracked_.load(std::memory_order_acquire)) kept = subscriber;
+    mz::SignalLink link;
+    if (bridge_->isClosed())
+      link = redirect()->metaConnect(signal, std::move(subscriber), callType).value();
+    else
+      link = bridge_->connectRemote(id_, signal, std::move(subscriber));
+    if (kept) journal_->noteConnect(origin_, signal, kept, callType, link);
+    return mz::makeFutureValue<mz::SignalLink>(link);
   } catch (const std::exception& e) {
     return mz::makeFutureError<mz::SignalLink>(e.what());
   }
@@ -206,17 +281,25 @@ mz::Future<mz::SignalLink> RemoteObject::metaConnect(const std::string& signal,
 
 mz::Future<void> RemoteObject::metaDisconnect(mz::SignalLink link) {
   try {
-    if (bridge_->disconnectRemote(link)) {
-      mz::Promise<void> done;
-      done.setValue();
-      return done.future();
-    }
+    auto done = [] {
+      mz::Promise<void> promise;
+      promise.setValue();
+      return promise.future();
+    };
+    // The application's link id stays valid for a connection a replay made
+    // again on a later connection to the broker.
+    SubscriptionJournal::Forgotten journaled = SubscriptionJournal::Forgotten::Unknown;
+    if (tracked_.load(std::memory_order_acquire)) journaled = journal_->forgetConnection(link);
+    if (journaled == SubscriptionJournal::Forgotten::Remade) return done();
+    if (bridge_->disconnectRemote(link)) return done();
     std::shared_ptr<mz::GenericObject> target;
     {
       std::lock_guard<std::mutex> lock(redirectMutex_);
       target = redirect_;
     }
     if (target) return target->metaDisconnect(link);
+    // Lost with its connection to the broker, and now not to be made again.
+    if (journaled == SubscriptionJournal::Forgotten::Original) return done();
     return mz::makeFutureError<void>("no signal connection " + std::to_string(link) + " on this object");
   } catch (const std::exception& e) {
     return mz::makeFutureError<void>(e.what());

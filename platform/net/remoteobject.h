@@ -4,11 +4,18 @@
 // reply on the calling thread; posts return at once; signals are followed
 // through link messages. Its catalogue comes with the reference when the
 // other side sent it (service lookup, registration), else it is asked for on
-// first use of metaObject(). Dropping the last handle sends Release.
+// first use of metaObject(). Dropping the last handle sends Release. A post
+// that no method of a known catalogue accepts is dropped with a warning (at
+// most one a second per object), never thrown: posts throw only when the
+// other side has gone (mz::ObjectGoneError on the broker).
 //
 // A handle obtained by service name may carry a rebinder: when its connection
 // is gone and a new one is up, it looks the service up again and forwards to
 // the new object, so that proxies kept across a broker restart keep working.
+//
+// A client session may track a handle (see track()): its calls and signal
+// connections are then reported to the session's SubscriptionJournal, so that
+// what they made at the broker can be made again after a broker restart.
 //
 // Thread safety: every member may be called from any thread.
 #pragma once
@@ -23,10 +30,13 @@
 #include <unordered_map>
 
 #include "mz/object.h"
+#include "rx/rxlog.h"
 
 namespace net {
 
 class ObjectBridge;
+class SubscriptionJournal;
+struct ObjectOrigin;
 
 class RemoteObject : public mz::GenericObject {
  public:
@@ -48,6 +58,12 @@ class RemoteObject : public mz::GenericObject {
   // The name used in errors worded here (a service's name), as a local
   // object would word them: "Calc: no method named foo".
   void setDisplayName(const std::string& name);
+  // Reports the calls and connections made through this handle to `journal`,
+  // as those of an object obtained by `origin`; an object a call on a tracked
+  // service returns is tracked in turn. The first tracking stays; untracked
+  // handles (the broker's, and the client's with remaking off) pay one flag
+  // test per call.
+  void track(std::shared_ptr<SubscriptionJournal> journal, std::shared_ptr<const ObjectOrigin> origin);
 
   // Throws what throwGone() of the bridge throws when the catalogue has to
   // be fetched and the other side cannot be reached.
@@ -70,13 +86,24 @@ class RemoteObject : public mz::GenericObject {
   // not known or accepts nothing (the other side then resolves by name).
   int resolveCached(const std::string& method, const mz::GenericFunctionParameters& params);
   mz::AnyValue call(RX::RXValue method, const mz::GenericFunctionParameters& params);
-  [[noreturn]] void throwNoMethod(const std::string& method,
-                                  const mz::GenericFunctionParameters& params) const;
+  mz::AnyValue untrackedCall(const std::string& method, const mz::GenericFunctionParameters& params);
+  mz::AnyValue untrackedCallById(unsigned int uid, const mz::GenericFunctionParameters& params);
+  // Runs makeCall() and reports it (see noteCall); REQUIRES: tracked_.
+  template <typename F>
+  mz::AnyValue trackedCall(const std::string& method, const mz::GenericFunctionParameters& params,
+                           F&& makeCall);
+  // Reports a call made on a tracked handle, and tracks the object it returned.
+  void noteCall(const std::string& method, const mz::GenericFunctionParameters& params,
+                const mz::AnyValue* result);
+  std::string displayName() const;
+  // "no method named foo", "no method foo accepting (string, int)".
+  std::string noMethodText(const std::string& method, const mz::GenericFunctionParameters& params) const;
 
   // Constant after construction.
   const std::shared_ptr<ObjectBridge> bridge_;
   const std::uint64_t id_;
   std::atomic<std::uint32_t> received_{1};
+  RX::log::Throttle postWarnings_;  // posts dropped for want of a matching method
 
   // Guarded by metaMutex_; meta_ never changes once haveMeta_ is set, so the
   // reference metaObject() returns stays valid.
@@ -85,6 +112,12 @@ class RemoteObject : public mz::GenericObject {
   mutable mz::MetaObject meta_;
   mutable std::atomic<bool> metaKnown_{false};  // haveMeta_, readable without the lock
   std::string displayName_ = "remote object";
+
+  // Set once by track() under metaMutex_ before tracked_ turns true, then
+  // never changed: readable without the lock once tracked_ is seen true.
+  std::atomic<bool> tracked_{false};
+  std::shared_ptr<SubscriptionJournal> journal_;
+  std::shared_ptr<const ObjectOrigin> origin_;
 
   // Guarded by cacheMutex_.
   std::mutex cacheMutex_;
