@@ -26,13 +26,15 @@
 #include "rx/rxerror.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
+#include "e2e_process.h"
 
 extern char** environ;
 
 namespace {
 
-using namespace std::chrono_literals;
-constexpr std::chrono::milliseconds kWait = 10s;
+using e2e::kWait;
+using e2e::Recorder;
+using e2e::TempDir;
 
 // A child process with its standard input and output on pipes.
 class Child {
@@ -116,15 +118,6 @@ class Child {
   std::string buffer_;
 };
 
-// A temporary directory holding the broker's socket and data files.
-struct TempDir {
-  TempDir() {
-    char tmpl[] = "/tmp/rxe2e-XXXXXX";
-    path = ::mkdtemp(tmpl);
-  }
-  ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-  std::string path;
-};
 
 // rxbroker listening on a free TCP port and a Unix socket of `dir`.
 class BrokerProcess {
@@ -157,27 +150,6 @@ class BrokerProcess {
   Child child_;
 };
 
-class Recorder {
- public:
-  void add(const RX::RXValue& v) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    values_.push_back(v);
-    cond_.notify_all();
-  }
-  bool waitFor(std::size_t n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, kWait, [&] { return values_.size() >= n; });
-  }
-  std::vector<RX::RXValue> values() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<RX::RXValue> values_;
-};
 
 // A client module: subscriber callback, extractor entry points, a mapped signal.
 class E2ETool : public RX::RXModule {
