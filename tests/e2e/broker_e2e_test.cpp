@@ -55,6 +55,7 @@ class Child {
     ::close(out[1]);
     stdin_ = in[1];
     stdout_ = out[0];
+    lines_.setFd(stdout_);
     if (rc != 0) throw std::runtime_error("cannot start " + args[0]);
   }
   ~Child() {
@@ -67,26 +68,7 @@ class Child {
   }
 
   // The next line of output, or nothing when none came within `timeout`.
-  std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      const auto eol = buffer_.find('\n');
-      if (eol != std::string::npos) {
-        std::string line = buffer_.substr(0, eol);
-        buffer_.erase(0, eol + 1);
-        return line;
-      }
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      pollfd p{stdout_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[4096];
-      const ssize_t n = ::read(stdout_, chunk, sizeof chunk);
-      if (n <= 0) return std::nullopt;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
-  }
+  std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) { return lines_.readLine(timeout); }
   // Reads lines until one starts with `prefix`; returns it.
   std::optional<std::string> expectLine(const std::string& prefix,
                                         std::chrono::milliseconds timeout = kWait) {
@@ -115,7 +97,7 @@ class Child {
   pid_t pid_ = -1;
   int stdin_ = -1;
   int stdout_ = -1;
-  std::string buffer_;
+  e2e::LineReader lines_;
 };
 
 

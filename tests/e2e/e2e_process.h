@@ -37,6 +37,37 @@ struct TempDir {
   std::string path;
 };
 
+// Lines read from a pipe, with a bounded wait for each.
+class LineReader {
+ public:
+  void setFd(int fd) { fd_ = fd; }
+  // The next line, or nothing when none came within `timeout` (or the pipe closed).
+  std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      const auto eol = buffer_.find('\n');
+      if (eol != std::string::npos) {
+        std::string line = buffer_.substr(0, eol);
+        buffer_.erase(0, eol + 1);
+        return line;
+      }
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return std::nullopt;
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+      char chunk[4096];
+      const ssize_t n = ::read(fd_, chunk, sizeof chunk);
+      if (n <= 0) return std::nullopt;
+      buffer_.append(chunk, static_cast<std::size_t>(n));
+    }
+  }
+
+ private:
+  int fd_ = -1;
+  std::string buffer_;
+};
+
 // rxbroker listening on `listen` (tcp://127.0.0.1:0 for a free port), logging
 // warnings; with `readLog` its log lines come through readLine() too.
 class BrokerProcess {
@@ -57,6 +88,7 @@ class BrokerProcess {
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     output_ = out[0];
+    lines_.setFd(output_);
     if (rc != 0) pid_ = -1;
     const std::string listening = "rxbroker: listening on ";
     while (auto line = readLine()) {
@@ -77,26 +109,7 @@ class BrokerProcess {
   void kill() { end(SIGKILL); }
 
   // The next line of output, or nothing when none came in time.
-  std::optional<std::string> readLine() {
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    for (;;) {
-      const auto eol = buffer_.find('\n');
-      if (eol != std::string::npos) {
-        std::string line = buffer_.substr(0, eol);
-        buffer_.erase(0, eol + 1);
-        return line;
-      }
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      pollfd p{output_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[4096];
-      const ssize_t n = ::read(output_, chunk, sizeof chunk);
-      if (n <= 0) return std::nullopt;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
-  }
+  std::optional<std::string> readLine() { return lines_.readLine(); }
   // The lines before the first one containing `marker`; nothing when it did not come.
   std::optional<std::vector<std::string>> linesUntil(const std::string& marker) {
     std::vector<std::string> lines;
@@ -128,7 +141,7 @@ class BrokerProcess {
 
   pid_t pid_ = -1;
   int output_ = -1;
-  std::string buffer_;
+  LineReader lines_;
 };
 
 class Recorder {
