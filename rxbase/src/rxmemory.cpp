@@ -767,9 +767,9 @@ void RXMemory::xRaiseMicroEvent(const std::string& name, const RXValue& value) {
 
 void RXMemory::removeEvent(const std::string& name) {
   xRemoveData(name);
-  // Taken shared, as the readers take it; kept so for compatibility, although
-  // this erase races with any concurrent reader or writer of the map.
-  SharedLock lock(extractorMapMutex);
+  // Exclusive: the erase frees a node that a concurrent reader could be
+  // walking through, or a concurrent insertion rebalancing around.
+  UniqueLock lock(extractorMapMutex);
   extractorMap.erase(name);
 }
 
@@ -806,10 +806,10 @@ void RXMemory::runExtractor(const std::string& eventName, const std::string& sub
   std::string extractor;
   {
     // The inserting index leaves an empty extractor name for an undeclared
-    // event, under the shared lock; kept so for compatibility. Beware: two
-    // first subscriptions to undeclared events at the same moment both write
-    // the map under a shared lock, which is a data race.
-    SharedLock lock(extractorMapMutex);
+    // event, so this look-up may write the table: it takes the lock
+    // exclusively, since two first subscriptions at once, or one beside a
+    // reader walking the table, would otherwise corrupt it.
+    UniqueLock lock(extractorMapMutex);
     extractor = extractorMap[eventName];
   }
   if (extractor == "Unknown" || extractor.empty()) return;
