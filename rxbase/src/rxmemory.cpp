@@ -653,7 +653,8 @@ void* RXMemory::xGetPtrData(const std::string& name) {
   }
   if (!typed) RX_WARNING(moduleLog, "getPtrValue on stmvalue with no type: " << name);
   CellLock lock(cell->valueMutex);
-  // From now on the value keeps its kind, so the address stays meaningful.
+  // From now on the value keeps its kind, so the address stays meaningful; an
+  // empty value's address is where its first number will be written.
   cell->ptrAccessed = true;
   return cell->value.getPtrValue();
 }

@@ -93,7 +93,8 @@ class RXMemory : public RXModule {
 
   // The address of the key's stored value, creating the key (plain data,
   // invalid value, no event raised) when absent. From then on the value's kind
-  // is frozen and the key cannot be removed.
+  // is frozen and the key cannot be removed. A key without a value gives the
+  // address its first int or float will be written to.
   [[nodiscard]] void* getPtrData(const std::string& key);
   [[nodiscard]] void* xGetPtrData(const std::string& name);
 

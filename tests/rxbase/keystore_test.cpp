@@ -127,13 +127,12 @@ TEST_F(KeyStoreTest, PointerAccessFreezesTheValueKind) {
   memory->subscribeToEvent(RX::Memory::keyAddedKey, "Watcher", "onEvent");
 
   // An unknown key is created silently (no KeyAdded), with a warning.
-  EXPECT_EQ(nullptr, memory->getPtrData("p"));
+  int* address = static_cast<int*>(memory->getPtrData("p"));
+  ASSERT_NE(nullptr, address);
   EXPECT_TRUE(log.has("rxmemory|2|getPtrValue on stmvalue with no type: p"));
   EXPECT_EQ("Data", memory->getStrDataType("p"));
   memory->insertData("p", 5);  // the first number into an empty pinned key is allowed
-  int* address = static_cast<int*>(memory->getPtrData("p"));
-  ASSERT_NE(nullptr, address);
-  EXPECT_EQ(5, *address);
+  EXPECT_EQ(address, memory->getPtrData("p"));
   memory->insertData("p", 6);
   EXPECT_EQ(6, *address) << "same-kind writes keep the address";
   EXPECT_EQ("setValue|Can't change the type of the value from int to string because getDataPtr has been called on it.",
@@ -145,6 +144,29 @@ TEST_F(KeyStoreTest, PointerAccessFreezesTheValueKind) {
   EXPECT_EQ("invalid", memory->getEventHistory("p").toString()) << "nor appends history";
   drain(watcher);
   EXPECT_EQ(std::vector<std::string>{}, watcher->keyValues());
+}
+
+// The address handed out for a key that has no value yet is where its first
+// number is written, and where later writes of that kind are seen.
+TEST_F(KeyStoreTest, AddressOfAnEmptyKeyReceivesTheFirstNumber) {
+  const struct {
+    const char* key;
+    RXValue first;
+    RXValue second;
+  } cases[] = {{"i", RXValue(42), RXValue(43)}, {"f", RXValue(1.5f), RXValue(-2.25f)}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.key);
+    void* address = memory->getPtrData(c.key);
+    ASSERT_NE(nullptr, address);
+    auto seen = [&] {
+      return c.first.isInt() ? RXValue(*static_cast<int*>(address)) : RXValue(*static_cast<float*>(address));
+    };
+    memory->insertData(c.key, c.first);
+    EXPECT_EQ(c.first, seen());
+    memory->insertData(c.key, c.second);
+    EXPECT_EQ(c.second, seen());
+    EXPECT_EQ(address, memory->getPtrData(c.key));
+  }
 }
 
 TEST_F(KeyStoreTest, DescriptionsAndTypes) {
