@@ -814,16 +814,7 @@ void RXMemory::runExtractor(const std::string& eventName, const std::string& sub
     extractor = extractorMap[eventName];
   }
   if (extractor == "Unknown" || extractor.empty()) return;
-  try {
-    boost::shared_ptr<RXProxy> proxy = getParentBroker()->getProxy(extractor, 0);
-    if (!proxy || !proxy->object()) return;
-    // Only modules offering getCurrentPrecision generate events on demand.
-    if (proxy->object().findMethod("getCurrentPrecision").empty()) return;
-    proxy = getParentBroker()->getProxy(extractor, 0);
-    proxy->call<void>("subscribe", subscriberId);
-  } catch (const std::exception&) {
-    // The subscription stands even when its generator cannot be started.
-  }
+  callExtractor(extractor, eventName, "subscribe", subscriberId);
 }
 
 void RXMemory::stopExtractor(const std::string& eventName, const std::string& subscriberId) {
@@ -838,13 +829,24 @@ void RXMemory::stopExtractor(const std::string& eventName, const std::string& su
     extractor = it->second;
   }
   if (extractor == "Unknown" || extractor.empty()) return;
+  callExtractor(extractor, eventName, "unsubscribe", subscriberId);
+}
+
+void RXMemory::callExtractor(const std::string& extractor, const std::string& eventName, const char* method,
+                             const std::string& subscriberId) {
   try {
     boost::shared_ptr<RXProxy> proxy = getParentBroker()->getProxy(extractor, 0);
     if (!proxy || !proxy->object()) return;
+    // Only modules offering getCurrentPrecision generate events on demand.
     if (proxy->object().findMethod("getCurrentPrecision").empty()) return;
     proxy = getParentBroker()->getProxy(extractor, 0);
-    proxy->call<void>("unsubscribe", subscriberId);
-  } catch (const std::exception&) {
+    proxy->call<void>(method, subscriberId);
+  } catch (const std::exception& e) {
+    // The subscription stands whatever its generator does; the failure (or
+    // time-out) only reaches the log, where whoever runs the robot sees which
+    // generator let which event down.
+    RX_WARNING(moduleLog, "Extractor " << extractor << " of event " << eventName << " failed on " << method
+                                       << ": " << e.what());
   }
 }
 

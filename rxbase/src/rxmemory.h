@@ -155,7 +155,8 @@ class RXMemory : public RXModule {
 
   // Extractor protocol: tell the event's generator (only a module that offers
   // "getCurrentPrecision") about a subscription; blocks until it answers.
-  // Standard exceptions are swallowed.
+  // A standard exception from it (a failure or a time-out) is logged as a
+  // warning naming the extractor and the event, and goes no further.
   void runExtractor(const std::string& eventName, const std::string& subscriberId);
   void stopExtractor(const std::string& eventName, const std::string& subscriberId);
 
@@ -204,6 +205,11 @@ class RXMemory : public RXModule {
  private:
   class CallbackGuard;
 
+  // Calls method ("subscribe" / "unsubscribe") with subscriberId on the
+  // extractor when it is a running module offering "getCurrentPrecision".
+  // REQUIRES: no lock held (the call blocks until the extractor answers).
+  void callExtractor(const std::string& extractor, const std::string& eventName, const char* method,
+                     const std::string& subscriberId);
   // Publishes the module's catalogue, in its fixed order.
   void publishMethods();
   // Connects the service object's signal to a raise of event.
