@@ -18,6 +18,7 @@
 #include "mz/session.h"
 #include "rx/rttime.h"
 #include "rx/rxbroker.h"
+#include "rx/rxcallcontext.h"
 #include "rx/rxerror.h"
 #include "rx/rxfunctor.h"
 #include "rx/rxlog.h"
@@ -43,6 +44,10 @@ log::Category& moduleLog = log::category("rxmemory");
 using SharedLock = boost::shared_lock<boost::shared_mutex>;
 using UniqueLock = boost::unique_lock<boost::shared_mutex>;
 using CellLock = boost::lock_guard<boost::recursive_mutex>;
+
+// Period at which getDataOnChange reads the value again; fixed, callers have
+// always been served at this pace.
+constexpr int kChangePollMs = 600;
 
 // Keys of the behaviour layer change too often to be worth reporting.
 bool isBehaviorKey(const std::string& name) { return name.compare(0, 9, "_Behavior") == 0; }
@@ -552,11 +557,14 @@ RXValue RXMemory::xGetData(const std::string& name) {
 RXValue RXMemory::getDataOnChange(const std::string& key, int /*deprecatedParameter*/) {
   if (key.empty()) RX_THROW(kModuleName, "getDataOnChange", "Empty data name cannot be found.");
   const RXValue first = getData(key);
-  RXValue current;
-  do {
-    mz::os::msleep(600);
+  RXValue current = first;
+  // A remote caller that has hung up will read nothing: stop polling for it
+  // and hand back the current value, so its thread is not held forever.
+  while (!CallContext::callerGone()) {
+    mz::os::msleep(kChangePollMs);
     current = getData(key);
-  } while (current == first);
+    if (current != first) break;
+  }
   return current;
 }
 

@@ -71,6 +71,8 @@ class RXMemory : public RXModule {
   [[nodiscard]] RXValue getData(const std::string& key, int deprecatedParameter);
   [[nodiscard]] RXValue xGetData(const std::string& name);
   // Polls every 600 ms until the value differs from the first read; no time-out.
+  // When the remote caller has disconnected (RX::CallContext), stops and
+  // returns the current value, which nobody reads.
   [[nodiscard]] RXValue getDataOnChange(const std::string& key, int deprecatedParameter);
   // One slot per requested name (an element may be a name or an array whose
   // first element is the name); unknown names give an invalid value.

@@ -1,10 +1,13 @@
 // The key store: insertion and its bookkeeping events, reads, lists, removal,
 // raw pointer access, descriptions and type queries.
 #include <algorithm>
+#include <atomic>
 #include <future>
+#include <memory>
 
 #include "memory_test_util.h"
 #include "mz/os.h"
+#include "rx/rxcallcontext.h"
 
 using RX::RXValue;
 using rxtest::errorOf;
@@ -232,6 +235,20 @@ TEST_F(KeyStoreTest, GetDataOnChangeReturnsTheNextDifferentValue) {
     memory->insertData("w", v);
   ASSERT_EQ(std::future_status::ready, changed.wait_for(std::chrono::seconds(5)));
   EXPECT_GE(changed.get().toInt(), 2);
+}
+
+TEST_F(KeyStoreTest, GetDataOnChangeStopsPollingWhenItsCallerHasGone) {
+  memory->insertData("w", 1);
+  auto gone = std::make_shared<std::atomic<bool>>(false);
+  auto call = std::async(std::launch::async, [&] {
+    RX::CallContext scope(gone);  // as the transport marks a remote client's request
+    return memory->getDataOnChange("w", 0);
+  });
+  gone->store(true);
+  const bool returned = call.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  if (!returned) memory->insertData("w", 2);  // release the poller so that the test can end
+  ASSERT_TRUE(returned) << "getDataOnChange still polled 5 s after its caller had gone";
+  EXPECT_EQ(1, call.get().toInt()) << "the unchanged current value";
 }
 
 }  // namespace
