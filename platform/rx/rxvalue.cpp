@@ -423,7 +423,8 @@ std::string RXValue::toString(int verbosity) const {
 
 void* RXValue::getPtrValue() {
   switch (type_) {
-    case TypeInvalid: return nullptr;
+    // The inline storage every scalar is later written into, copied or moved.
+    case TypeInvalid: return &payload_;
     case TypeBool: return &payload_.b;
     case TypeInt: return &payload_.i;
     case TypeFloat: return &payload_.f;

@@ -5,7 +5,8 @@
 // A value is 16 bytes: a kind tag and an inline payload for the scalar kinds, a
 // heap block for the others. Assigning a value of the same kind writes into the
 // existing storage, so the address given by getPtrValue() stays valid and sees
-// later writes for as long as the value keeps its kind.
+// later writes for as long as the value keeps its kind (or, from invalid, takes
+// its first scalar: scalars live in that same inline storage).
 //
 // Thread safety: like std::string; const members may be used from several
 // threads at once, any write needs exclusive access.
@@ -116,7 +117,9 @@ class RXValue {
 
   // Address of the stored payload: the int, float or bool itself, the
   // std::string, the std::vector<RXValue> of an array or the Binary vector.
-  // Valid while the value lives and keeps its kind; nullptr when invalid.
+  // Valid while the value lives and keeps its kind. An invalid value gives the
+  // inline storage that a later int, float or bool is written into, so an
+  // address taken before the first number sees it (never nullptr).
   void* getPtrValue();
 
  private:

@@ -18,6 +18,7 @@
 #include "mz/session.h"
 #include "rx/rttime.h"
 #include "rx/rxbroker.h"
+#include "rx/rxcallcontext.h"
 #include "rx/rxerror.h"
 #include "rx/rxfunctor.h"
 #include "rx/rxlog.h"
@@ -43,6 +44,10 @@ log::Category& moduleLog = log::category("rxmemory");
 using SharedLock = boost::shared_lock<boost::shared_mutex>;
 using UniqueLock = boost::unique_lock<boost::shared_mutex>;
 using CellLock = boost::lock_guard<boost::recursive_mutex>;
+
+// Period at which getDataOnChange reads the value again; fixed, callers have
+// always been served at this pace.
+constexpr int kChangePollMs = 600;
 
 // Keys of the behaviour layer change too often to be worth reporting.
 bool isBehaviorKey(const std::string& name) { return name.compare(0, 9, "_Behavior") == 0; }
@@ -552,11 +557,14 @@ RXValue RXMemory::xGetData(const std::string& name) {
 RXValue RXMemory::getDataOnChange(const std::string& key, int /*deprecatedParameter*/) {
   if (key.empty()) RX_THROW(kModuleName, "getDataOnChange", "Empty data name cannot be found.");
   const RXValue first = getData(key);
-  RXValue current;
-  do {
-    mz::os::msleep(600);
+  RXValue current = first;
+  // A remote caller that has hung up will read nothing: stop polling for it
+  // and hand back the current value, so its thread is not held forever.
+  while (!CallContext::callerGone()) {
+    mz::os::msleep(kChangePollMs);
     current = getData(key);
-  } while (current == first);
+    if (current != first) break;
+  }
   return current;
 }
 
@@ -653,7 +661,8 @@ void* RXMemory::xGetPtrData(const std::string& name) {
   }
   if (!typed) RX_WARNING(moduleLog, "getPtrValue on stmvalue with no type: " << name);
   CellLock lock(cell->valueMutex);
-  // From now on the value keeps its kind, so the address stays meaningful.
+  // From now on the value keeps its kind, so the address stays meaningful; an
+  // empty value's address is where its first number will be written.
   cell->ptrAccessed = true;
   return cell->value.getPtrValue();
 }
@@ -767,9 +776,9 @@ void RXMemory::xRaiseMicroEvent(const std::string& name, const RXValue& value) {
 
 void RXMemory::removeEvent(const std::string& name) {
   xRemoveData(name);
-  // Taken shared, as the readers take it; kept so for compatibility, although
-  // this erase races with any concurrent reader or writer of the map.
-  SharedLock lock(extractorMapMutex);
+  // Exclusive: the erase frees a node that a concurrent reader could be
+  // walking through, or a concurrent insertion rebalancing around.
+  UniqueLock lock(extractorMapMutex);
   extractorMap.erase(name);
 }
 
@@ -806,23 +815,14 @@ void RXMemory::runExtractor(const std::string& eventName, const std::string& sub
   std::string extractor;
   {
     // The inserting index leaves an empty extractor name for an undeclared
-    // event, under the shared lock; kept so for compatibility. Beware: two
-    // first subscriptions to undeclared events at the same moment both write
-    // the map under a shared lock, which is a data race.
-    SharedLock lock(extractorMapMutex);
+    // event, so this look-up may write the table: it takes the lock
+    // exclusively, since two first subscriptions at once, or one beside a
+    // reader walking the table, would otherwise corrupt it.
+    UniqueLock lock(extractorMapMutex);
     extractor = extractorMap[eventName];
   }
   if (extractor == "Unknown" || extractor.empty()) return;
-  try {
-    boost::shared_ptr<RXProxy> proxy = getParentBroker()->getProxy(extractor, 0);
-    if (!proxy || !proxy->object()) return;
-    // Only modules offering getCurrentPrecision generate events on demand.
-    if (proxy->object().findMethod("getCurrentPrecision").empty()) return;
-    proxy = getParentBroker()->getProxy(extractor, 0);
-    proxy->call<void>("subscribe", subscriberId);
-  } catch (const std::exception&) {
-    // The subscription stands even when its generator cannot be started.
-  }
+  callExtractor(extractor, eventName, "subscribe", subscriberId);
 }
 
 void RXMemory::stopExtractor(const std::string& eventName, const std::string& subscriberId) {
@@ -837,13 +837,24 @@ void RXMemory::stopExtractor(const std::string& eventName, const std::string& su
     extractor = it->second;
   }
   if (extractor == "Unknown" || extractor.empty()) return;
+  callExtractor(extractor, eventName, "unsubscribe", subscriberId);
+}
+
+void RXMemory::callExtractor(const std::string& extractor, const std::string& eventName, const char* method,
+                             const std::string& subscriberId) {
   try {
     boost::shared_ptr<RXProxy> proxy = getParentBroker()->getProxy(extractor, 0);
     if (!proxy || !proxy->object()) return;
+    // Only modules offering getCurrentPrecision generate events on demand.
     if (proxy->object().findMethod("getCurrentPrecision").empty()) return;
     proxy = getParentBroker()->getProxy(extractor, 0);
-    proxy->call<void>("unsubscribe", subscriberId);
-  } catch (const std::exception&) {
+    proxy->call<void>(method, subscriberId);
+  } catch (const std::exception& e) {
+    // The subscription stands whatever its generator does; the failure (or
+    // time-out) only reaches the log, where whoever runs the robot sees which
+    // generator let which event down.
+    RX_WARNING(moduleLog, "Extractor " << extractor << " of event " << eventName << " failed on " << method
+                                       << ": " << e.what());
   }
 }
 

@@ -71,6 +71,8 @@ class RXMemory : public RXModule {
   [[nodiscard]] RXValue getData(const std::string& key, int deprecatedParameter);
   [[nodiscard]] RXValue xGetData(const std::string& name);
   // Polls every 600 ms until the value differs from the first read; no time-out.
+  // When the remote caller has disconnected (RX::CallContext), stops and
+  // returns the current value, which nobody reads.
   [[nodiscard]] RXValue getDataOnChange(const std::string& key, int deprecatedParameter);
   // One slot per requested name (an element may be a name or an array whose
   // first element is the name); unknown names give an invalid value.
@@ -93,7 +95,8 @@ class RXMemory : public RXModule {
 
   // The address of the key's stored value, creating the key (plain data,
   // invalid value, no event raised) when absent. From then on the value's kind
-  // is frozen and the key cannot be removed.
+  // is frozen and the key cannot be removed. A key without a value gives the
+  // address its first int or float will be written to.
   [[nodiscard]] void* getPtrData(const std::string& key);
   [[nodiscard]] void* xGetPtrData(const std::string& name);
 
@@ -154,7 +157,8 @@ class RXMemory : public RXModule {
 
   // Extractor protocol: tell the event's generator (only a module that offers
   // "getCurrentPrecision") about a subscription; blocks until it answers.
-  // Standard exceptions are swallowed.
+  // A standard exception from it (a failure or a time-out) is logged as a
+  // warning naming the extractor and the event, and goes no further.
   void runExtractor(const std::string& eventName, const std::string& subscriberId);
   void stopExtractor(const std::string& eventName, const std::string& subscriberId);
 
@@ -203,6 +207,11 @@ class RXMemory : public RXModule {
  private:
   class CallbackGuard;
 
+  // Calls method ("subscribe" / "unsubscribe") with subscriberId on the
+  // extractor when it is a running module offering "getCurrentPrecision".
+  // REQUIRES: no lock held (the call blocks until the extractor answers).
+  void callExtractor(const std::string& extractor, const std::string& eventName, const char* method,
+                     const std::string& subscriberId);
   // Publishes the module's catalogue, in its fixed order.
   void publishMethods();
   // Connects the service object's signal to a raise of event.

@@ -31,7 +31,6 @@ TEST(RXValueTest, KindsRoundTripWithTheirCodes) {
   RXValue invalid;
   EXPECT_EQ(0, invalid.getType());
   EXPECT_FALSE(invalid.isValid());
-  EXPECT_EQ(nullptr, invalid.getPtrValue());
 
   RXValue array = RXValue::array(2);
   EXPECT_EQ(1, array.getType());
@@ -297,7 +296,36 @@ TEST(RXValueTest, PointerStaysValidAcrossSameKindAssignment) {
   changing = RXValue("text");
   EXPECT_EQ("text", *static_cast<std::string*>(changing.getPtrValue()));
   changing = RXValue();
-  EXPECT_EQ(nullptr, changing.getPtrValue());
+  void* pc = changing.getPtrValue();
+  changing = RXValue(4);
+  EXPECT_EQ(pc, changing.getPtrValue()) << "back to invalid, then a scalar again";
+}
+
+// An address taken from an invalid value is where its first scalar lands,
+// whether the scalar is copied or moved in.
+TEST(RXValueTest, InvalidValueAddressReceivesTheFirstScalar) {
+  const RXValue seven(7);
+  const RXValue half(0.5f);
+  for (const bool moved : {false, true}) {
+    SCOPED_TRACE(moved ? "moved in" : "copied in");
+    RXValue i;
+    RXValue f;
+    void* pi = i.getPtrValue();
+    void* pf = f.getPtrValue();
+    ASSERT_NE(nullptr, pi);
+    ASSERT_NE(nullptr, pf);
+    if (moved) {
+      i = RXValue(7);
+      f = RXValue(0.5f);
+    } else {
+      i = seven;
+      f = half;
+    }
+    EXPECT_EQ(pi, i.getPtrValue());
+    EXPECT_EQ(7, *static_cast<int*>(pi));
+    EXPECT_EQ(pf, f.getPtrValue());
+    EXPECT_EQ(0.5f, *static_cast<float*>(pf));
+  }
 }
 
 TEST(RXValueTest, CopyIsDeepAndMoveLeavesSourceInvalid) {

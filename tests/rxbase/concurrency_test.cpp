@@ -1,5 +1,7 @@
 // Many threads on one key and on many keys at once: raise, insert, subscribe,
-// unsubscribe and remove together. Nothing may be lost and nothing may hang.
+// unsubscribe and remove together; and the extractor table written and read
+// from several threads. Nothing may be lost and nothing may hang.
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <set>
@@ -97,6 +99,56 @@ TEST_F(ConcurrencyTest, HammeringLosesNothingAndDoesNotDeadlock) {
     }
   EXPECT_EQ(1u, addedKeys.count("r/k0"));
   EXPECT_EQ(1u, removedKeys.count("r/k0"));
+}
+
+// First subscriptions to undeclared events add entries to the extractor table
+// while removals erase from it and readers walk it. Before the table's writers
+// took its lock exclusively, ThreadSanitizer reported the race here and the
+// walks could step on erased nodes.
+TEST_F(ConcurrencyTest, ExtractorTableWritersAndReadersDoNotRace) {
+  constexpr int kSubscribers = 3;
+  constexpr int kRemovers = 2;
+  constexpr int kNamesEach = 300;
+  constexpr int kReadsCap = 100000;
+  std::atomic<int> writersLeft{kSubscribers + kRemovers};
+  std::vector<std::future<void>> jobs;
+  // The subscribers race for the same names: each name's first look-up inserts.
+  for (int t = 0; t < kSubscribers; ++t)
+    jobs.push_back(std::async(std::launch::async, [&, t] {
+      for (int i = 0; i < kNamesEach; ++i)
+        memory->subscribeToEvent("u/" + std::to_string(i), "M" + std::to_string(t), "onEvent");
+      --writersLeft;
+    }));
+  for (int t = 0; t < kRemovers; ++t)
+    jobs.push_back(std::async(std::launch::async, [&, t] {
+      for (int i = 0; i < kNamesEach; ++i) {
+        const std::string name = "r" + std::to_string(t) + "/" + std::to_string(i);
+        memory->declareEvent(name, "X");
+        memory->removeEvent(name);
+      }
+      --writersLeft;
+    }));
+  for (int t = 0; t < 2; ++t)
+    jobs.push_back(std::async(std::launch::async, [&] {
+      // Readers keep walking the table for as long as it is being written.
+      for (int i = 0; i < kReadsCap && writersLeft.load() > 0; ++i) {
+        (void)memory->getExtractorEvent("");
+        (void)memory->getEventList();
+      }
+    }));
+  for (auto& job : jobs)
+    ASSERT_EQ(std::future_status::ready, job.wait_for(std::chrono::seconds(60))) << "a worker is stuck";
+  for (auto& job : jobs) job.get();
+
+  // Every first subscription left its empty entry; every removal erased its own.
+  std::vector<std::string> expected;
+  for (int i = 0; i < kNamesEach; ++i) expected.push_back("u/" + std::to_string(i));
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, memory->getExtractorEvent(""));
+  EXPECT_EQ(std::vector<std::string>{}, memory->getExtractorEvent("X"));
+  const std::vector<std::string> events = memory->getEventList();
+  EXPECT_TRUE(std::is_sorted(events.begin(), events.end()));
+  EXPECT_EQ(events.end(), std::adjacent_find(events.begin(), events.end())) << "an event is listed twice";
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Module start-up, events and micro-events, history, the extractor table and
 // the extractor protocol, the deprecated no-op methods.
 #include <algorithm>
+#include <stdexcept>
 
 #include "memory_test_util.h"
 #include "rx/rxbrokermanager.h"
@@ -12,6 +13,22 @@ using Names = std::vector<std::string>;
 namespace {
 
 class EventsTest : public rxtest::MemoryTest {};
+
+// An extractor whose "subscribe" and "unsubscribe" always fail.
+class FailingExtractor : public RX::RXModule {
+ public:
+  FailingExtractor(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
+    for (const char* method : {"subscribe", "unsubscribe"}) {
+      functionName(method, name, "Fails");
+      addParam("subscriberId", "id");
+      advertiseMethod(getCurrentMethodDescription(), this, &FailingExtractor::fail);
+    }
+    functionName("getCurrentPrecision", name, "Precision");
+    advertiseMethod(getCurrentMethodDescription(), this, &FailingExtractor::getCurrentPrecision);
+  }
+  void fail(const std::string& id) { throw std::runtime_error("generator offline for " + id); }
+  float getCurrentPrecision() { return 1.0f; }
+};
 
 std::string historyValues(const RXValue& history) {
   if (!history.isValid()) return "invalid";
@@ -149,7 +166,30 @@ TEST_F(EventsTest, ExtractorIsToldAboutEachEventSubscription) {
 
   memory->subscribeToMicroEvent("V", "M", "", "onEvent");
   memory->unsubscribeToEvent("V", "M");
-  EXPECT_TRUE(log.has("rxmemory|3|stopExtractor no extractor for V\n"));
+  EXPECT_TRUE(log.has("rxmemory|3|stopExtractor no extractor for V")) << "a written line drops its trailing line end";
+}
+
+TEST_F(EventsTest, FailingExtractorIsLoggedAndTheSubscriptionStands) {
+  auto x = rxtest::startModule<FailingExtractor>(broker, "X");
+  const struct {
+    const char* event;
+    const char* extractor;
+    const char* error;
+  } cases[] = {{"E", "X", "generator offline for ME"}, {"G", "Gone", "Module not found: Gone"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.extractor);
+    memory->declareEvent(c.event, c.extractor);
+    rxtest::LogCapture log;
+    memory->subscribeToEvent(c.event, "M", "onEvent");
+    EXPECT_EQ((Names{"M"}), memory->getDataSubscriber(c.event));
+    memory->unsubscribeToEvent(c.event, "M");
+    Names warnings;
+    for (const std::string& line : log.lines())
+      if (line.rfind("rxmemory|2|", 0) == 0) warnings.push_back(line);
+    const std::string prefix = std::string("rxmemory|2|Extractor ") + c.extractor + " of event " + c.event;
+    EXPECT_EQ((Names{prefix + " failed on subscribe: " + c.error, prefix + " failed on unsubscribe: " + c.error}),
+              warnings);
+  }
 }
 
 TEST_F(EventsTest, DeprecatedMethodsOnlyLog) {

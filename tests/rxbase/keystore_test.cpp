@@ -1,10 +1,13 @@
 // The key store: insertion and its bookkeeping events, reads, lists, removal,
 // raw pointer access, descriptions and type queries.
 #include <algorithm>
+#include <atomic>
 #include <future>
+#include <memory>
 
 #include "memory_test_util.h"
 #include "mz/os.h"
+#include "rx/rxcallcontext.h"
 
 using RX::RXValue;
 using rxtest::errorOf;
@@ -127,13 +130,12 @@ TEST_F(KeyStoreTest, PointerAccessFreezesTheValueKind) {
   memory->subscribeToEvent(RX::Memory::keyAddedKey, "Watcher", "onEvent");
 
   // An unknown key is created silently (no KeyAdded), with a warning.
-  EXPECT_EQ(nullptr, memory->getPtrData("p"));
+  int* address = static_cast<int*>(memory->getPtrData("p"));
+  ASSERT_NE(nullptr, address);
   EXPECT_TRUE(log.has("rxmemory|2|getPtrValue on stmvalue with no type: p"));
   EXPECT_EQ("Data", memory->getStrDataType("p"));
   memory->insertData("p", 5);  // the first number into an empty pinned key is allowed
-  int* address = static_cast<int*>(memory->getPtrData("p"));
-  ASSERT_NE(nullptr, address);
-  EXPECT_EQ(5, *address);
+  EXPECT_EQ(address, memory->getPtrData("p"));
   memory->insertData("p", 6);
   EXPECT_EQ(6, *address) << "same-kind writes keep the address";
   EXPECT_EQ("setValue|Can't change the type of the value from int to string because getDataPtr has been called on it.",
@@ -145,6 +147,29 @@ TEST_F(KeyStoreTest, PointerAccessFreezesTheValueKind) {
   EXPECT_EQ("invalid", memory->getEventHistory("p").toString()) << "nor appends history";
   drain(watcher);
   EXPECT_EQ(std::vector<std::string>{}, watcher->keyValues());
+}
+
+// The address handed out for a key that has no value yet is where its first
+// number is written, and where later writes of that kind are seen.
+TEST_F(KeyStoreTest, AddressOfAnEmptyKeyReceivesTheFirstNumber) {
+  const struct {
+    const char* key;
+    RXValue first;
+    RXValue second;
+  } cases[] = {{"i", RXValue(42), RXValue(43)}, {"f", RXValue(1.5f), RXValue(-2.25f)}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.key);
+    void* address = memory->getPtrData(c.key);
+    ASSERT_NE(nullptr, address);
+    auto seen = [&] {
+      return c.first.isInt() ? RXValue(*static_cast<int*>(address)) : RXValue(*static_cast<float*>(address));
+    };
+    memory->insertData(c.key, c.first);
+    EXPECT_EQ(c.first, seen());
+    memory->insertData(c.key, c.second);
+    EXPECT_EQ(c.second, seen());
+    EXPECT_EQ(address, memory->getPtrData(c.key));
+  }
 }
 
 TEST_F(KeyStoreTest, DescriptionsAndTypes) {
@@ -210,6 +235,20 @@ TEST_F(KeyStoreTest, GetDataOnChangeReturnsTheNextDifferentValue) {
     memory->insertData("w", v);
   ASSERT_EQ(std::future_status::ready, changed.wait_for(std::chrono::seconds(5)));
   EXPECT_GE(changed.get().toInt(), 2);
+}
+
+TEST_F(KeyStoreTest, GetDataOnChangeStopsPollingWhenItsCallerHasGone) {
+  memory->insertData("w", 1);
+  auto gone = std::make_shared<std::atomic<bool>>(false);
+  auto call = std::async(std::launch::async, [&] {
+    RX::CallContext scope(gone);  // as the transport marks a remote client's request
+    return memory->getDataOnChange("w", 0);
+  });
+  gone->store(true);
+  const bool returned = call.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  if (!returned) memory->insertData("w", 2);  // release the poller so that the test can end
+  ASSERT_TRUE(returned) << "getDataOnChange still polled 5 s after its caller had gone";
+  EXPECT_EQ(1, call.get().toInt()) << "the unchanged current value";
 }
 
 }  // namespace
