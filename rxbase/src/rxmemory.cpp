@@ -22,6 +22,7 @@
 #include "rx/rxerror.h"
 #include "rx/rxfunctor.h"
 #include "rx/rxlog.h"
+#include "rx/rxmemorybudget.h"
 #include "rx/rxmemoryproxy.h"
 #include "rx/rxproxy.h"
 #include "rxmemorysubscriber.h"
@@ -511,13 +512,19 @@ void RXMemory::insertData(const std::string& key, const std::string& value) {
   insertData(key, RXValue(value));
 }
 
-void RXMemory::insertData(const std::string& key, const RXValue& data) { xInsertData(key, data, Data); }
+void RXMemory::insertData(const std::string& key, const RXValue& data) {
+  // Over the broker's memory ceiling a write fails here, clearly, rather than
+  // the process growing until the system kills it.
+  MemoryBudget::check(kModuleName, "insertData");
+  xInsertData(key, data, Data);
+}
 
 void RXMemory::_insertObject(const std::string& name, const RXValue& buffer, int /*bufferSize*/) {
   insertData(name, buffer);
 }
 
 void RXMemory::insertListData(const RXValue& list) {
+  MemoryBudget::check(kModuleName, "insertListData");
   // The counter is 16 bits wide on purpose: callers have always been held to
   // lists of at most 65535 pairs.
   for (uint16_t i = 0; i < list.getSize(); ++i) {
@@ -757,7 +764,10 @@ void RXMemory::declareEvent(const std::string& eventName, const std::string& ext
   xInsertData(eventName, RXValue(), Event);
 }
 
-void RXMemory::raiseEvent(const std::string& name, const RXValue& value) { xRaiseEvent(name, value); }
+void RXMemory::raiseEvent(const std::string& name, const RXValue& value) {
+  MemoryBudget::check(kModuleName, "raiseEvent");
+  xRaiseEvent(name, value);
+}
 
 void RXMemory::xRaiseEvent(const std::string& name, const RXValue& value) {
   boost::shared_ptr<STMValue> cell = xInsertData(name, value, Event);
@@ -766,6 +776,7 @@ void RXMemory::xRaiseEvent(const std::string& name, const RXValue& value) {
 }
 
 void RXMemory::raiseMicroEvent(const std::string& name, const RXValue& value) {
+  MemoryBudget::check(kModuleName, "raiseMicroEvent");
   xRaiseMicroEvent(name, value);
 }
 

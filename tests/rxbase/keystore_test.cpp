@@ -8,7 +8,10 @@
 #include "memory_test_util.h"
 #include "mz/os.h"
 #include "rx/rxcallcontext.h"
+#include "rx/rxmemorybudget.h"
 
+using RX::MemoryBudget;
+using RX::RXError;
 using RX::RXValue;
 using rxtest::errorOf;
 
@@ -109,6 +112,32 @@ TEST_F(KeyStoreTest, InsertListDataStopsAtTheFirstMalformedPair) {
   err = errorOf([&] { memory->insertListData(list({list({RXValue(1), RXValue(2)})})); });
   EXPECT_EQ("malformed data : [1, 2]\n", testing::internal::GetCapturedStdout());
   EXPECT_EQ("InsertListData|malformed preferences. No RXMemory data name.", err);
+}
+
+TEST_F(KeyStoreTest, WritesFailClearlyWhileTheBrokerIsOverItsMemoryCeiling) {
+  memory->insertData("kept", 1);
+  {
+    MemoryBudget tight(1);
+    const std::pair<const char*, std::function<void()>> writes[] = {
+        {"insertData", [&] { memory->insertData("new", 2); }},
+        {"insertListData", [&] { memory->insertListData(RXValue::array(0)); }},
+        {"raiseEvent", [&] { memory->raiseEvent("E", RXValue(1)); }},
+        {"raiseMicroEvent", [&] { memory->raiseMicroEvent("M", RXValue(1)); }},
+    };
+    for (const auto& [method, write] : writes) {
+      try {
+        write();
+        ADD_FAILURE() << method << " was accepted over the ceiling";
+      } catch (const RXError& e) {
+        EXPECT_EQ(method, e.method());
+        EXPECT_EQ(0u, e.message().find("memory limit reached: resident ")) << e.message();
+      }
+    }
+    EXPECT_EQ(1, memory->getData("kept").toInt()) << "reads go on";
+    memory->removeData("kept");  // and so does freeing memory
+  }
+  memory->insertData("new", 2);
+  EXPECT_EQ(2, memory->getData("new").toInt());
 }
 
 TEST_F(KeyStoreTest, RemovalRules) {
