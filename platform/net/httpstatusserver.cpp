@@ -176,16 +176,17 @@ class GuardedStream final : public httplib::Stream {
   Refusal refusal() const { return refusal_; }
 
   // Answers the refusal, then reads and drops what the client still sends
-  // for a short while, so that it sees the answer rather than a reset.
-  void answerRefusal(const std::string& status, const std::string& text) {
+  // for a short while (closeLingerMs; with linger false only what has
+  // already arrived), so that it sees the answer rather than a reset.
+  void answerRefusal(const std::string& status, const std::string& text, bool linger = true) {
     std::string answer = "HTTP/1.1 " + status +
                          "\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " +
                          std::to_string(text.size()) + "\r\nConnection: close\r\nContent-Security-Policy: " +
                          HttpStatusServer::contentSecurityPolicy(std::string()) + "\r\n\r\n" + text;
-    writeDeadline_ = Clock::now() + std::chrono::milliseconds(options_.writeTimeoutMs);
+    writeDeadline_ = Clock::now() + std::chrono::milliseconds(linger ? options_.writeTimeoutMs : 0);
     if (!sendAll(answer.data(), answer.size())) return;
     ::shutdown(sock_, SHUT_WR);
-    const Clock::time_point lingerEnd = Clock::now() + std::chrono::milliseconds(options_.closeLingerMs);
+    const Clock::time_point lingerEnd = Clock::now() + std::chrono::milliseconds(linger ? options_.closeLingerMs : 0);
     char scratch[4096];
     while (waitFor(POLLIN, lingerEnd) == Wait::kReady && ::recv(sock_, scratch, sizeof(scratch), 0) > 0) {
     }
@@ -331,10 +332,12 @@ class GuardedServer final : public httplib::Server {
   bool process_and_close_socket(socket_t sock) override {
     GuardedStream stream(sock, stopFd_, options_);
     if (tRefuseConnection) {
+      // On the accepting thread: no waiting on this client at all.
       stream.answerRefusal("503 Service Unavailable",
                            "Service unavailable: " + std::to_string(options_.maxQueuedConnections) +
                                " connections already wait for a thread (limit maxQueuedConnections = " +
-                               std::to_string(options_.maxQueuedConnections) + ")\n");
+                               std::to_string(options_.maxQueuedConnections) + ")\n",
+                           false);
     } else {
       serve(stream);
     }
@@ -423,6 +426,11 @@ HttpStatusServer::HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::
 HttpStatusServer::HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::string host, int port,
                                    const Options& options)
     : impl_(std::make_unique<Impl>()) {
+  if (options.threads == 0 || options.maxQueuedConnections == 0 || options.readTimeoutMs <= 0 ||
+      options.writeTimeoutMs <= 0 || options.keepAliveMaxCount == 0)
+    throw std::invalid_argument(
+        "HTTP server options: threads, maxQueuedConnections, readTimeoutMs, writeTimeoutMs and keepAliveMaxCount "
+        "must be at least 1");
   impl_->broker = std::move(broker);
   impl_->host = std::move(host);
   impl_->requestedPort = port;
