@@ -73,6 +73,23 @@ int main(int argc, char** argv) {
   app.add_option("--log", logs, "Log threshold CATEGORY=LEVEL, e.g. rxmemory=verbose or '*=warning' (repeatable)");
   app.add_option("--http", http, "Address and port of the HTTP status pages (default 127.0.0.1:9781)");
   app.add_flag("--no-http", noHttp, "Serve no HTTP status pages");
+  net::HttpStatusServer::Options httpOptions;
+  app.add_option("--http-threads", httpOptions.threads, "Threads serving HTTP connections")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  app.add_option("--http-timeout-ms", httpOptions.readTimeoutMs,
+                 "Time for an HTTP request to arrive, and the longest an HTTP connection may sit idle")
+      ->check(CLI::Range(10, 600000))
+      ->capture_default_str();
+  app.add_option("--http-write-timeout-ms", httpOptions.writeTimeoutMs, "Time for an HTTP client to take an answer")
+      ->check(CLI::Range(10, 600000))
+      ->capture_default_str();
+  app.add_option("--http-max-headers", httpOptions.maxHeaderCount, "Header lines of an HTTP request")
+      ->check(CLI::Range(1, 10000))
+      ->capture_default_str();
+  app.add_option("--http-max-header-bytes", httpOptions.maxHeaderBytes, "Bytes of an HTTP request head")
+      ->check(CLI::Range(256, 1048576))
+      ->capture_default_str();
   app.add_option("--threads", threads, "Threads running posted calls (notifications)")->check(CLI::Range(2, 64));
   app.add_option("--queue-capacity", queueCapacity, "Pending notifications kept per subscriber module")
       ->check(CLI::Range(1, 100000000));
@@ -164,7 +181,7 @@ int main(int argc, char** argv) {
     server = std::make_unique<net::Server>(broker, listen, serverOptions);
     server->start();
     if (!noHttp) {
-      pages = std::make_unique<net::HttpStatusServer>(broker, httpHost, httpPort);
+      pages = std::make_unique<net::HttpStatusServer>(broker, httpHost, httpPort, httpOptions);
       pages->start();
     }
   } catch (const std::exception& e) {

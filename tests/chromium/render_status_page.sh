@@ -1,33 +1,42 @@
 #!/usr/bin/env bash
-# Renders the memory's status page in headless Chromium: starts rxbroker on
-# free ports, fills the memory through the rxmemory command line (data of
-# every kind, events with subscribers, micro-events, a value holding a
-# <script>), then checks
-#   - the HTTP answer forbids scripts (Content-Security-Policy) while the page
-#     shows the <script> value as it is,
-#   - the browser did not run that script (its DOM after loading),
+# Renders the status pages in headless Chromium, driven through WebDriver
+# (chromedriver): starts rxbroker on free ports, fills the memory through the
+# rxmemory command line (data of every kind, events with subscribers,
+# micro-events, a value holding a <script>), then checks
+#   - the HTTP answer carries the exact Content-Security-Policy (scripts
+#     refused, the page's own style block allowed by its hash) and shows the
+#     <script> value as it is,
+#   - in the browser the page's style applies (computed font size of its
+#     cells) with no policy violation for styles, on the memory page and the
+#     index,
+#   - the browser did not run the injected script (the DOM after loading),
 #   - the screenshot is a real picture of the page.
 # Usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]
-# Exits 0 with "chromium not installed: skipped" where there is no Chromium.
+# Exits 77 (SKIPPED for ctest) when Chromium, chromedriver, curl or jq is
+# missing: scripts/install-deps installs them.
 set -euo pipefail
 
 broker_bin=${1:?usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]}
 cli_bin=${2:?usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]}
 
 chromium_bin=$(command -v chromium || command -v chromium-browser || true)
-if [ -z "$chromium_bin" ]; then
-  echo "chromium not installed: skipped"
-  exit 0
-fi
+[ -n "$chromium_bin" ] || { echo "SKIPPED: chromium not installed (scripts/install-deps installs it)"; exit 77; }
+for tool in chromedriver curl jq; do
+  command -v "$tool" >/dev/null 2>&1 || { echo "SKIPPED: $tool not installed (scripts/install-deps installs it)"; exit 77; }
+done
 
 work=$(mktemp -d /tmp/rxchromium-XXXXXX)
 screenshot=${3:-$work/page.png}
-broker_pid=
+broker_pid= driver_pid= reader_pid= driver= session=
 cleanup() {
-  if [ -n "$broker_pid" ]; then
-    kill "$broker_pid" 2>/dev/null || true
-    wait "$broker_pid" 2>/dev/null || true
-  fi
+  # Quitting the session ends the browser; chromedriver runs in a process
+  # group of its own, so anything of the browser still left goes with it.
+  if [ -n "$session" ]; then curl -s --max-time 10 -X DELETE "$driver/session/$session" >/dev/null || true; fi
+  if [ -n "$driver_pid" ]; then kill -- "-$driver_pid" 2>/dev/null || true; fi
+  for pid in $reader_pid $driver_pid $broker_pid; do
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+  done
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -90,44 +99,84 @@ rx raise-micro Sonar/Far 3
 
 # ---- The HTTP answer ----
 page_url="$http/RXMemory"
-if command -v curl >/dev/null 2>&1; then
-  curl -si --max-time 10 "$page_url" >"$work/answer.txt" || fail "curl $page_url failed"
-  head -1 "$work/answer.txt" | grep -q '^HTTP/1.1 200' || fail "status: $(head -1 "$work/answer.txt")"
-  csp=$(grep -i '^Content-Security-Policy:' "$work/answer.txt" || true)
-  echo "$csp" | grep -q "script-src 'none'" || fail "no script-src 'none' in the policy: '$csp'"
-  echo "$csp" | grep -q "default-src 'none'" || fail "no default-src 'none' in the policy: '$csp'"
-  grep -qF '<script>document.body.textContent=123*1000+456</script>' "$work/answer.txt" ||
-    fail "the <script> value is not on the page as it is"
-else
-  echo "curl not installed: header check skipped"
-fi
+# The memory page's one style block, as a browser hashes it (SHA-256, base64).
+policy="default-src 'none'; script-src 'none'; object-src 'none'; style-src 'sha256-xUC9hhoTmbs3g64jA8TG1S3mrULpR859HcsXLzdZOU8='; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; sandbox"
+curl -si --max-time 10 "$page_url" >"$work/answer.txt" || fail "curl $page_url failed"
+head -1 "$work/answer.txt" | grep -q '^HTTP/1.1 200' || fail "status: $(head -1 "$work/answer.txt")"
+csp=$(grep -i '^Content-Security-Policy:' "$work/answer.txt" | tr -d '\r' || true)
+[ "$csp" = "Content-Security-Policy: $policy" ] || fail "policy: '$csp', expected '$policy'"
+grep -qF '<script>document.body.textContent=123*1000+456</script>' "$work/answer.txt" ||
+  fail "the <script> value is not on the page as it is"
 rx page >"$work/page.html"
 for needle in '<td>87</td>' '<td>0.5</td>' 'Robot/Pose' '"jpeg" 14' 'OtherModule SomeModule ' \
   '<h4>Micro-event</h4>' 'Sonar/Near' '<script>document.body'; do
   grep -qF "$needle" "$work/page.html" || fail "'$needle' is not on the page"
 done
 
-# ---- The browser ----
-chrome() {
-  timeout 90 "$chromium_bin" --headless --no-sandbox --disable-gpu --disable-background-networking \
-    --disable-component-update --disable-sync --no-first-run --disable-dev-shm-usage \
-    --user-data-dir="$(mktemp -d "$work/profile-XXXXXX")" "$@" 2>>"$work/chromium.err"
+# ---- The browser, through chromedriver on a port it picks ----
+mkfifo "$work/driver.out"
+setsid chromedriver --port=0 >"$work/driver.out" 2>&1 &
+driver_pid=$!
+exec 4<"$work/driver.out"
+while IFS= read -r -t 10 line <&4; do
+  case "$line" in
+    *"started successfully on port "*) driver=${line##* port } ; driver="http://127.0.0.1:${driver%.}"; break ;;
+  esac
+done
+[ -n "$driver" ] || fail "chromedriver did not start"
+# Keep reading its output so that it never blocks on a full pipe.
+cat <&4 >/dev/null 2>&1 &
+reader_pid=$!
+
+wd() {  # METHOD PATH [JSON]: one WebDriver command; prints its "value"
+  local answer
+  answer=$(curl -s --max-time 60 -X "$1" -H 'Content-Type: application/json' "$driver$2" ${3:+-d "$3"}) ||
+    fail "WebDriver $1 $2: no answer"
+  if [ "$(jq -r 'try .value.error // empty' <<<"$answer")" != "" ]; then
+    fail "WebDriver $1 $2: $(jq -r '.value.message' <<<"$answer" | head -3)"
+  fi
+  jq -c '.value' <<<"$answer"
 }
-chrome --dump-dom "$page_url" >"$work/dom.html" || fail "chromium --dump-dom failed: $(tail -5 "$work/chromium.err")"
-grep -qF 'Robot/Battery' "$work/dom.html" || fail "the rendered page lost its table: $(head -c 300 "$work/dom.html")"
-grep -qF '123456' "$work/dom.html" && fail "the browser ran the script of Robot/Script"
+args=$(jq -nc --arg dir "$(mktemp -d "$work/profile-XXXXXX")" '["--headless", "--no-sandbox", "--disable-gpu",
+  "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
+  "--disable-sync", "--window-size=1200,900", "--user-data-dir=" + $dir]')
+session=$(wd POST /session "$(jq -nc --arg bin "$chromium_bin" --argjson args "$args" \
+  '{capabilities: {alwaysMatch: {"goog:chromeOptions": {binary: $bin, args: $args},
+    "goog:loggingPrefs": {browser: "ALL"}}}}')" | jq -r '.sessionId')
+[ -n "$session" ] && [ "$session" != null ] || fail "no WebDriver session"
+
+# WebDriver's scripts run in the page even though the page itself may run none.
+probe='return {cellFont: getComputedStyle(document.querySelector("td")).fontSize,
+  scripts: document.querySelectorAll("script").length, cells: document.querySelectorAll("td").length,
+  text: document.body.textContent}'
+check_page() {  # URL MIN_CELLS MIN_SCRIPTS
+  wd POST "/session/$session/url" "$(jq -nc --arg url "$1" '{url: $url}')" >/dev/null
+  local state log
+  state=$(wd POST "/session/$session/execute/sync" "$(jq -nc --arg s "$probe" '{script: $s, args: []}')")
+  log=$(wd POST "/session/$session/se/log" '{"type": "browser"}')
+  # 12px comes only from the page's style block; without it a cell has 16px.
+  [ "$(jq -r .cellFont <<<"$state")" = 12px ] ||
+    fail "$1: the page's style did not apply (cell font $(jq -r .cellFont <<<"$state")); browser log: $log"
+  if jq -r '.[].message' <<<"$log" | grep -i 'style'; then fail "$1: a style was refused; browser log: $log"; fi
+  [ "$(jq -r .cells <<<"$state")" -ge "$2" ] || fail "$1: the page lost its tables: $(jq -r .text <<<"$state" | head -c 300)"
+  [ "$(jq -r .scripts <<<"$state")" -ge "$3" ] || fail "$1: the injected <script> element is not in the page"
+  [ "$(jq -r .text <<<"$state")" != 123456 ] || fail "$1: the browser ran the script of Robot/Script"
+  if [ "$3" -gt 0 ]; then
+    jq -r '.[].message' <<<"$log" | grep -qi 'script' || fail "$1: no refused script in the browser log: $log"
+  fi
+}
+check_page "$page_url" 20 1
+check_page "$http/" 4 0
+wd POST "/session/$session/url" "$(jq -nc --arg url "$page_url" '{url: $url}')" >/dev/null
 
 rm -f "$screenshot"
-chrome --screenshot="$screenshot" --window-size=1200,900 "$page_url" >/dev/null ||
-  fail "chromium --screenshot failed: $(tail -5 "$work/chromium.err")"
-[ -s "$screenshot" ] || fail "no screenshot at $screenshot"
-# A PNG of 1200 x 900 pixels: signature, then the IHDR chunk's width and height.
+wd GET "/session/$session/screenshot" | jq -r . | base64 -d >"$screenshot" || fail "no screenshot"
+wd DELETE "/session/$session" >/dev/null
+session=
 signature=$(od -An -tx1 -N8 "$screenshot" | tr -d ' \n')
 [ "$signature" = "89504e470d0a1a0a" ] || fail "$screenshot is not a PNG ($signature)"
-size=$(od -An -tx1 -j16 -N8 "$screenshot" | tr -d ' \n')
-[ "$size" = "000004b000000384" ] || fail "the screenshot is not 1200x900 (IHDR $size)"
-# A blank 1200x900 page compresses to about 5 KB; three tables of text take far more.
+# A blank page compresses to a few KB; three tables of text take far more.
 bytes=$(wc -c <"$screenshot")
 [ "$bytes" -gt 20000 ] || fail "the screenshot is nearly empty ($bytes bytes)"
 
-echo "status page rendered: $bytes bytes of PNG, scripts refused"
+echo "status pages rendered with their styles: $bytes bytes of PNG, scripts refused"

@@ -1,5 +1,18 @@
-// The broker's HTTP status pages: routes, headers, the catalogue as JSON.
+// The broker's HTTP status pages: routes, headers, the catalogue and status as
+// JSON, and what untrusted clients cannot do to the server.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <httplib.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <thread>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -11,7 +24,14 @@
 
 namespace {
 
-// A module whose page holds markup that must never run in a browser.
+using namespace std::chrono_literals;
+
+const char* const kPage =
+    "<html><head><style type=\"text/css\">td {font-size: 12px;}</style></head><body>"
+    "<script>alert(1)</script><style>td {color: red;}</style>value</body></html>";
+
+// A module whose page holds markup that must never run in a browser, and
+// whose page renders can be held at a gate.
 class PageModule : public RX::RXModule {
  public:
   PageModule(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
@@ -25,24 +45,98 @@ class PageModule : public RX::RXModule {
   }
   std::string echo(const std::string& text) { return text; }
   void* rawAddress() { return this; }
-  std::string httpGet() override { return "<html><body><script>alert(1)</script>value</body></html>"; }
+  std::string httpGet() override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    maxInside_ = std::max(maxInside_, ++inside_);
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return !gateClosed_; });
+    --inside_;
+    return kPage;
+  }
+  void setGate(bool closed) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    gateClosed_ = closed;
+    changed_.notify_all();
+  }
+  bool waitInside(int count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, 5s, [&] { return inside_ == count; });
+  }
+  int maxInside() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return maxInside_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool gateClosed_ = false;
+  int inside_ = 0, maxInside_ = 0;
 };
+
+int connectTo(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  timeval timeout{5, 0};  // every wait of the test's clients is bounded
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+  EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << std::strerror(errno);
+  return fd;
+}
+
+// Sends the bytes and returns "STATUS LINE\nBODY" of the answer, or "" when
+// the server closed without one.
+std::string exchange(int port, const std::string& request) {
+  int fd = connectTo(port);
+  ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+  std::string answer;
+  char buf[4096];
+  ssize_t n;
+  while ((n = ::recv(fd, buf, sizeof(buf), 0)) > 0) answer.append(buf, static_cast<std::size_t>(n));
+  ::close(fd);
+  std::size_t head = answer.find("\r\n\r\n");
+  if (head == std::string::npos) return answer;
+  return answer.substr(0, answer.find("\r\n")) + "\n" + answer.substr(head + 4);
+}
+
+// A bounded wait on a condition the test cannot be told about.
+bool waitUntil(const std::function<bool()>& condition) {
+  for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;
+       std::this_thread::sleep_for(1ms))
+    if (condition()) return true;
+  return false;
+}
 
 class HttpStatusTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    broker_ = RX::RXBroker::create("testbroker");
-    module_ = boost::make_shared<PageModule>(broker_, "Pages");
-    module_->initModule();
-    server_ = std::make_unique<net::HttpStatusServer>(broker_, "127.0.0.1", 0);
+  void SetUp() override { startWith(net::HttpStatusServer::Options()); }
+  void startWith(const net::HttpStatusServer::Options& options) {
+    if (server_) server_->stop();
+    if (!broker_) {
+      broker_ = RX::RXBroker::create("testbroker");
+      module_ = boost::make_shared<PageModule>(broker_, "Pages");
+      module_->initModule();
+    }
+    server_ = std::make_unique<net::HttpStatusServer>(broker_, "127.0.0.1", 0, options);
     server_->start();
     client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
     client_->set_connection_timeout(5);
     client_->set_read_timeout(5);
   }
   void TearDown() override {
+    module_->setGate(false);
     server_->stop();
     broker_->shutdown();
+  }
+  std::future<httplib::Result> getAsync(const std::string& path) {
+    return std::async(std::launch::async, [this, path] {
+      httplib::Client client("127.0.0.1", server_->port());
+      client.set_read_timeout(5);
+      return client.Get(path.c_str());
+    });
   }
 
   boost::shared_ptr<RX::RXBroker> broker_;
@@ -51,15 +145,40 @@ class HttpStatusTest : public ::testing::Test {
   std::unique_ptr<httplib::Client> client_;
 };
 
-TEST_F(HttpStatusTest, ModulePageIsServedAsIsUnderAPolicyThatForbidsScripts) {
+TEST_F(HttpStatusTest, ModulePageIsServedAsIsUnderAPolicyAllowingOnlyItsHeadStyle) {
   auto res = client_->Get("/Pages");
   ASSERT_TRUE(res) << "no answer from " << server_->url();
   EXPECT_EQ(200, res->status);
-  EXPECT_EQ("<html><body><script>alert(1)</script>value</body></html>", res->body);
+  EXPECT_EQ(kPage, res->body);
   EXPECT_EQ("text/html; charset=utf-8", res->get_header_value("Content-Type"));
-  const std::string policy = res->get_header_value("Content-Security-Policy");
-  EXPECT_NE(std::string::npos, policy.find("script-src 'none'")) << policy;
-  EXPECT_NE(std::string::npos, policy.find("default-src 'none'")) << policy;
+  EXPECT_EQ(net::HttpStatusServer::contentSecurityPolicy(kPage), res->get_header_value("Content-Security-Policy"));
+  EXPECT_EQ("default-src 'none'; script-src 'none'; object-src 'none'; style-src " +
+                net::HttpStatusServer::styleHashSource("td {font-size: 12px;}") +
+                "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; sandbox",
+            res->get_header_value("Content-Security-Policy"));
+}
+
+TEST(HttpStatusPolicyTest, StyleHashesAndWhichStyleBlockCounts) {
+  // Standard SHA-256 vectors, and the memory page's style as a browser hashes it.
+  EXPECT_EQ("'sha256-47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU='", net::HttpStatusServer::styleHashSource(""));
+  EXPECT_EQ("'sha256-ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0='", net::HttpStatusServer::styleHashSource("abc"));
+  EXPECT_EQ("'sha256-xUC9hhoTmbs3g64jA8TG1S3mrULpR859HcsXLzdZOU8='",
+            net::HttpStatusServer::styleHashSource("body, h1, th, td {font-family: verdana;} td, th {font-size: "
+                                                   "12px; cell-padding: 2px; text-align: left;}"));
+  const std::string none = "style-src 'none';";
+  const std::string a = "style-src " + net::HttpStatusServer::styleHashSource("a{}") + ";";
+  const std::pair<const char*, std::string> cases[] = {
+      {"<html><head><style>a{}</style></head><body>x</body></html>", a},
+      {"<html><head><style type=\"text/css\">a{}</style></head><body><style>b{}</style></body></html>", a},
+      {"<html><head></head><body><style>a{}</style></body></html>", none},  // planted in the body
+      {"<html><body>x</body></html>", none},
+      {"{\"json\": true}", none},
+      {"<html><head><style>a{}", none},  // never closed
+  };
+  for (const auto& c : cases) {
+    const std::string policy = net::HttpStatusServer::contentSecurityPolicy(c.first);
+    EXPECT_NE(std::string::npos, policy.find(c.second)) << c.first << "\n" << policy;
+  }
 }
 
 TEST_F(HttpStatusTest, UnknownModuleIs404WithAShortText) {
@@ -70,18 +189,37 @@ TEST_F(HttpStatusTest, UnknownModuleIs404WithAShortText) {
   auto json = client_->Get("/Nobody/methods.json");
   ASSERT_TRUE(json);
   EXPECT_EQ(404, json->status);
+  EXPECT_EQ("default-src 'none'; script-src 'none'; object-src 'none'; style-src 'none'; base-uri 'none'; "
+            "form-action 'none'; frame-ancestors 'none'; sandbox",
+            json->get_header_value("Content-Security-Policy"));
 }
 
-TEST_F(HttpStatusTest, IndexListsModulesEscapedWithLinksAndDropCounters) {
+TEST_F(HttpStatusTest, IndexAndStatusJsonShowModulesDropsAndTransportCounters) {
+  broker_->setTransportCounters([] {
+    return std::map<std::string, uint64_t>{{"clients connected", 3}, {"cut off: <b>slow</b>", 1}};
+  });
   auto res = client_->Get("/");
   ASSERT_TRUE(res);
   EXPECT_EQ(200, res->status);
-  EXPECT_NE(std::string::npos, res->body.find("<a href=\"/Pages\">Pages</a>")) << res->body;
-  EXPECT_NE(std::string::npos, res->body.find("Serves a page with &lt;b&gt;markup&lt;/b&gt;")) << res->body;
-  EXPECT_NE(std::string::npos, res->body.find("<a href=\"/Pages/methods.json\">2 methods</a>")) << res->body;
-  EXPECT_NE(std::string::npos, res->body.find("Dropped notifications")) << res->body;
-  EXPECT_NE(std::string::npos, res->body.find("<tr><td>Pages</td><td>0</td></tr>")) << res->body;
-  EXPECT_FALSE(res->get_header_value("Content-Security-Policy").empty());
+  for (const char* needle :
+       {"<a href=\"/Pages\">Pages</a>", "Serves a page with &lt;b&gt;markup&lt;/b&gt;",
+        "<a href=\"/Pages/methods.json\">2 methods</a>", "<h4>Dropped notifications</h4>",
+        "<tr><td>Pages</td><td>0</td></tr>\n</table>\n<h4>Transport</h4>\n<table><tr><th>Counter</th><th>Count</th></tr>\n"
+        "<tr><td>clients connected</td><td>3</td></tr>\n<tr><td>cut off: &lt;b&gt;slow&lt;/b&gt;</td><td>1</td></tr>\n"
+        "</table>"})
+    EXPECT_NE(std::string::npos, res->body.find(needle)) << needle << "\n" << res->body;
+  EXPECT_EQ(net::HttpStatusServer::contentSecurityPolicy(res->body), res->get_header_value("Content-Security-Policy"));
+  EXPECT_NE(std::string::npos, res->get_header_value("Content-Security-Policy").find("'sha256-"));
+
+  auto json = client_->Get("/status.json");
+  ASSERT_TRUE(json);
+  EXPECT_EQ(200, json->status);
+  EXPECT_EQ("application/json", json->get_header_value("Content-Type"));
+  EXPECT_EQ(nlohmann::json::parse(R"({"broker": "testbroker",
+      "modules": [{"name": "Pages", "description": "Serves a page with <b>markup</b>"}],
+      "droppedNotifications": {"Pages": 0},
+      "transport": {"clients connected": 3, "cut off: <b>slow</b>": 1}})"),
+            nlohmann::json::parse(json->body));
 }
 
 TEST_F(HttpStatusTest, MethodsJsonIsTheCatalogueWithTextsAndMasks) {
@@ -106,6 +244,117 @@ TEST_F(HttpStatusTest, MethodsJsonIsTheCatalogueWithTextsAndMasks) {
   const auto& raw = doc["methods"][1];
   EXPECT_EQ(4, raw["mask"]);
   EXPECT_TRUE(raw["return"].is_null());
+}
+
+TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn) {
+  net::HttpStatusServer::Options options;
+  options.maxHeaderCount = 8;
+  options.maxHeaderBytes = 1024;
+  options.maxPayloadBytes = 100;
+  options.readTimeoutMs = 300;
+  startWith(options);
+  auto headers = [](int count) {
+    std::string lines;
+    for (int i = 0; i < count; ++i) lines += "X-" + std::to_string(i) + ": v\r\n";
+    return lines;
+  };
+  const std::string get = "GET /status.json HTTP/1.1\r\nConnection: close\r\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {get + headers(7) + "\r\n", "HTTP/1.1 200 OK"},  // 8 lines with Connection: the limit itself
+      {get + headers(10000) + "\r\n",
+       "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: more than 8 header lines "
+       "(limit maxHeaderCount = 8)\n"},
+      {get + "X-Long: " + std::string(2000, 'a') + "\r\n\r\n",
+       "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: request head longer than "
+       "1024 bytes (limit maxHeaderBytes = 1024)\n"},
+      {"POST /status.json HTTP/1.1\r\nContent-Length: 1000\r\n\r\n" + std::string(1000, 'b'),
+       "HTTP/1.1 413 Payload Too Large\nPayload too large: request body longer than 100 bytes (limit "
+       "maxPayloadBytes = 100)\n"},
+      {"GET / HTTP/1.1\r\nX-Never-Finished: ",
+       "HTTP/1.1 408 Request Timeout\nRequest timeout: the request did not arrive within 300 ms (limit "
+       "readTimeoutMs = 300)\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.second, exchange(server_->port(), c.first).substr(0, c.second.size())) << c.first.substr(0, 80);
+    auto res = client_->Get("/status.json");
+    ASSERT_TRUE(res) << "no answer after " << c.first.substr(0, 80);
+    EXPECT_EQ(200, res->status);
+  }
+}
+
+TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
+  // Eight clients trickle a request a byte at a time; the server's default
+  // threads and request deadline must leave room for a normal request.
+  std::vector<int> slow;
+  for (int i = 0; i < 8; ++i) {
+    slow.push_back(connectTo(server_->port()));
+    ::send(slow.back(), "GET / HTTP/1.1\r\nX-Slow: ", 24, MSG_NOSIGNAL);
+  }
+  std::mutex mutex;
+  std::condition_variable stopCv;
+  bool stop = false;
+  std::thread trickle([&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!stopCv.wait_for(lock, 100ms, [&] { return stop; }))
+      for (int fd : slow) ::send(fd, "a", 1, MSG_NOSIGNAL);
+  });
+  auto res = client_->Get("/Pages");
+  EXPECT_TRUE(res) << "no answer within 5 s while 8 clients trickle";
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    stop = true;
+  }
+  stopCv.notify_all();
+  trickle.join();
+  for (int fd : slow) ::close(fd);
+  if (res) {
+    EXPECT_EQ(200, res->status);
+  }
+}
+
+TEST_F(HttpStatusTest, ModulePagesRenderOneAtATimeWithFewWaiting) {
+  net::HttpStatusServer::Options options;
+  options.maxWaitingPageRenders = 1;
+  startWith(options);
+  module_->setGate(true);
+  auto first = getAsync("/Pages");
+  ASSERT_TRUE(module_->waitInside(1)) << "the first render did not start";
+  auto second = getAsync("/Pages");
+  ASSERT_TRUE(waitUntil([&] { return server_->pageRendersWaiting() == 1; })) << "the second render is not waiting";
+  auto third = client_->Get("/Pages");
+  ASSERT_TRUE(third);
+  EXPECT_EQ(503, third->status);
+  EXPECT_EQ("Service unavailable: 1 requests already wait to render a module page (limit maxWaitingPageRenders = 1)\n",
+            third->body);
+  auto index = client_->Get("/");  // the index does not wait for module pages
+  ASSERT_TRUE(index);
+  EXPECT_EQ(200, index->status);
+  module_->setGate(false);
+  for (auto* pending : {&first, &second}) {
+    auto res = pending->get();
+    ASSERT_TRUE(res);
+    EXPECT_EQ(200, res->status);
+  }
+  EXPECT_EQ(1, module_->maxInside());
+}
+
+TEST_F(HttpStatusTest, ConnectionsBeyondTheQueueAreRefusedAtOnce) {
+  net::HttpStatusServer::Options options;
+  options.threads = 1;
+  options.maxQueuedConnections = 1;
+  startWith(options);
+  module_->setGate(true);
+  auto busy = getAsync("/Pages");  // holds the only thread
+  ASSERT_TRUE(module_->waitInside(1));
+  int queued = connectTo(server_->port());
+  EXPECT_EQ("HTTP/1.1 503 Service Unavailable\nService unavailable: 1 connections already wait for a thread (limit "
+            "maxQueuedConnections = 1)\n",
+            exchange(server_->port(), "GET / HTTP/1.1\r\n\r\n"));
+  module_->setGate(false);
+  auto res = busy.get();
+  ASSERT_TRUE(res);
+  EXPECT_EQ(200, res->status);
+  ::close(queued);
 }
 
 TEST(HttpStatusServerTest, PortInUseIsAClearError) {
