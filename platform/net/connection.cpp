@@ -170,7 +170,7 @@ void Connection::send(const Message& message, const ObjectEncoder& objects) {
 }
 
 void Connection::setBufferedOutput(const OutputLimits& limits, std::shared_ptr<WriteFlusher> flusher,
-                                   std::function<void(const std::string&)> onCutOff) {
+                                   std::function<void(bool hardLimit, const std::string& reason)> onCutOff) {
   std::lock_guard<std::mutex> lock(writeMutex_);
   buffered_ = flusher != nullptr;
   outputLimits_ = limits;
@@ -185,7 +185,7 @@ void Connection::setInputBudget(std::shared_ptr<InputBudget> budget) {
 }
 
 void Connection::sendFrames(std::string_view frames) {
-  std::string cutOffText;
+  CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
     if (!buffered_) {
@@ -206,7 +206,7 @@ void Connection::sendFrames(std::string_view frames) {
     cutOffText = cutOff(reason);
   }
   reportCutOff(cutOffText);
-  throw RemoteError("connection to " + description_ + " cut off: " + cutOffText);
+  throw RemoteError("connection to " + description_ + " cut off: " + cutOffText.text);
 }
 
 bool Connection::arm() {
@@ -235,7 +235,7 @@ std::size_t Connection::writeSome(const char* data, std::size_t size) {
 }
 
 void Connection::flush() noexcept {
-  std::string cutOffText;
+  CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
     armed_ = false;
@@ -273,7 +273,7 @@ void Connection::flush() noexcept {
 }
 
 void Connection::checkOutput(std::chrono::steady_clock::time_point now) {
-  std::string cutOffText;
+  CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
     if (!buffered_ || isClosed() || pending_.size() == pendingHead_) return;
@@ -304,18 +304,20 @@ std::string Connection::overLimit(std::chrono::steady_clock::time_point now) {
          " for " + std::to_string(outputLimits_.softTime.count()) + " ms";
 }
 
-std::string Connection::cutOff(const std::string& reason) {
+Connection::CutOff Connection::cutOff(const std::string& reason) {
   const std::size_t lost = pending_.size() - pendingHead_;
+  // Only the hard limit cuts a connection off while it keeps more than it.
+  const bool hard = lost > outputLimits_.hardBytes;
   std::string().swap(pending_);
   pendingHead_ = 0;
   overSoftSince_.reset();
   close();
-  return reason + " (" + std::to_string(lost) + " bytes not delivered)";
+  return CutOff{reason + " (" + std::to_string(lost) + " bytes not delivered)", hard};
 }
 
-void Connection::reportCutOff(const std::string& text) {
-  RX_WARNING(connectionLog(), "cutting off " << description_ << ": " << text);
-  if (onCutOff_) onCutOff_(text);
+void Connection::reportCutOff(const CutOff& cut) {
+  RX_WARNING(connectionLog(), "cutting off " << description_ << ": " << cut.text);
+  if (onCutOff_) onCutOff_(cut.hard, cut.text);
 }
 
 bool Connection::accountInput() {
@@ -366,6 +368,7 @@ Connection::ReadStatus Connection::read(Message& out) {
     if (inputBudget_ && !accountInput()) {
       // Too much is held in partial frames across all clients: this one,
       // which asks for more, is the one refused.
+      overInputBudget_ = true;
       lastError_.emplace("buffered input over its budget maxInputBytes " + std::to_string(inputBudget_->limit()) +
                              " across all connections",
                          std::nullopt, std::nullopt, true);

@@ -101,12 +101,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // socket does not take at once is kept and written by `flusher`. A
   // connection whose kept bytes go over limits.hardBytes, or stay over
   // limits.softBytes for limits.softTime, is closed, and `onCutOff` is called
-  // once with the reason. REQUIRES: before the first send.
+  // once with which limit it was and the reason. REQUIRES: before the first send.
   void setBufferedOutput(const OutputLimits& limits, std::shared_ptr<WriteFlusher> flusher,
-                         std::function<void(const std::string& reason)> onCutOff);
+                         std::function<void(bool hardLimit, const std::string& reason)> onCutOff);
   // Counts what this connection's partial frames hold against `budget`; a
   // read that would overdraw it fails with OutOfSync. REQUIRES: no read under way.
   void setInputBudget(std::shared_ptr<InputBudget> budget);
+  // Whether the last OutOfSync came from the input budget. Reader only.
+  bool overInputBudget() const { return overInputBudget_; }
   // Buffered mode: writes what is kept, without waiting. Called by the flusher.
   void flush() noexcept;
   // Buffered mode: cuts the connection off when its kept bytes have stayed
@@ -146,10 +148,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool arm();
   // REQUIRES: writeMutex_ held. The reason to cut the connection off now, or empty.
   std::string overLimit(std::chrono::steady_clock::time_point now);
-  // REQUIRES: writeMutex_ held. Closes and drops the kept bytes; returns the
-  // log text for the one report done outside the lock.
-  std::string cutOff(const std::string& reason);
-  void reportCutOff(const std::string& reason);
+  // REQUIRES: writeMutex_ held. Closes and drops the kept bytes; returns what
+  // the one report, done outside the lock, says.
+  struct CutOff {
+    std::string text;
+    bool hard = false;
+  };
+  CutOff cutOff(const std::string& reason);
+  void reportCutOff(const CutOff& cut);
   // Accounts the decoder's buffer against the input budget; false when it is exhausted.
   bool accountInput();
 
@@ -166,7 +172,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool buffered_ = false;
   OutputLimits outputLimits_;
   std::weak_ptr<WriteFlusher> flusher_;  // owned by the server, which outlives its writes
-  std::function<void(const std::string&)> onCutOff_;
+  std::function<void(bool, const std::string&)> onCutOff_;
   std::string pending_;      // bytes [pendingHead_, end) wait for the socket
   std::size_t pendingHead_ = 0;
   bool armed_ = false;       // the flusher will call flush()
@@ -174,6 +180,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Used by the reading thread only.
   std::shared_ptr<InputBudget> inputBudget_;
   std::size_t budgeted_ = 0;  // taken from inputBudget_
+  bool overInputBudget_ = false;
   ObjectDecoder objectDecoder_;
   FrameDecoder decoder_;
   std::optional<DecodeError> lastError_;

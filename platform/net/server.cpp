@@ -363,9 +363,8 @@ void Server::Impl::acceptLoop(Listener* listener) {
         std::make_shared<Connection>(fd, describeClient(addr, listener->endpoint), options.limits);
     Connection& c = *handler->connection;
     std::weak_ptr<Impl> self = weak_from_this();
-    c.setBufferedOutput(options.output, flusher, [self](const std::string& reason) {
-      if (auto impl = self.lock())
-        impl->count(reason.find("hard limit") != std::string::npos ? kCutOffHard : kCutOffSoft);
+    c.setBufferedOutput(options.output, flusher, [self](bool hardLimit, const std::string&) {
+      if (auto impl = self.lock()) impl->count(hardLimit ? kCutOffHard : kCutOffSoft);
     });
     c.setInputBudget(inputBudget);
     std::unique_lock<std::mutex> lock(mutex);
@@ -508,7 +507,7 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
     }
     if (status == Connection::ReadStatus::OutOfSync) {
       reason = std::string("stream out of sync: ") + c.lastError()->what();
-      if (reason.find("maxInputBytes") != std::string::npos) count(kInputBudget);
+      if (c.overInputBudget()) count(kInputBudget);
       RX_WARNING(serverLog(), "closing a connection of " << peer->peerName() << ": " << reason);
       sendError(c, 0, "stream out of sync, closing: " + std::string(c.lastError()->what()));
     }

@@ -22,9 +22,9 @@ class StalledReader {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) throw std::runtime_error("socketpair");
     far_ = fds[1];
     near = std::make_shared<net::Connection>(fds[0], "stalled reader");
-    near->setBufferedOutput(limits, flusher_, [this](const std::string& reason) {
+    near->setBufferedOutput(limits, flusher_, [this](bool hardLimit, const std::string& reason) {
       std::lock_guard<std::mutex> lock(mutex_);
-      cutOffs.push_back(reason);
+      cutOffs.push_back((hardLimit ? "hard: " : "soft: ") + reason);
     });
   }
   ~StalledReader() { ::close(far_); }
@@ -100,6 +100,7 @@ TEST(BufferedOutput, AClientOverTheHardLimitIsCutOffOnceAndFreed) {
   EXPECT_EQ(0u, client.near->outputBuffered()) << "a client cut off keeps no bytes";
   EXPECT_NE(std::string::npos, client.writeUntilRefused(1).find("is closed"));
   ASSERT_EQ(1u, client.cutOffList().size()) << "the cut-off is reported once";
+  EXPECT_EQ(0u, client.cutOffList()[0].find("hard: output buffer of "));
 }
 
 TEST(BufferedOutput, AClientOverTheSoftLimitForTooLongIsCutOff) {
@@ -113,7 +114,7 @@ TEST(BufferedOutput, AClientOverTheSoftLimitForTooLongIsCutOff) {
   EXPECT_TRUE(client.near->isClosed());
   const std::vector<std::string> reasons = client.cutOffList();
   ASSERT_EQ(1u, reasons.size());
-  EXPECT_EQ(0u, reasons[0].find("output buffer over its soft limit softOutputBytes 16384 for 500 ms (")) << reasons[0];
+  EXPECT_EQ(0u, reasons[0].find("soft: output buffer over its soft limit softOutputBytes 16384 for 500 ms (")) << reasons[0];
 }
 
 // A module whose method runs until its caller has gone.
