@@ -37,8 +37,8 @@ RX::log::Category& connectionLog() {
 
 std::atomic<std::uint64_t> nextConnectionId{1};
 
-// Kept bytes are moved to the front once the written part is this large.
-constexpr std::size_t kCompactBytes = 1u << 20;
+// Waiting frames written by one system call at most (well under IOV_MAX).
+constexpr int kBatchFrames = 256;
 
 timeval toTimeval(std::chrono::milliseconds t) {
   timeval tv{};
@@ -184,24 +184,31 @@ void Connection::setInputBudget(std::shared_ptr<InputBudget> budget) {
   inputBudget_ = std::move(budget);
 }
 
-void Connection::sendFrames(std::string_view frames) {
+void Connection::sendFrames(std::string_view frames) { (void)sendFrames(frames, Outbox::kUncapped, 0); }
+
+std::size_t Connection::sendFrames(std::string_view frames, std::uint64_t lane, std::size_t capacity) {
   CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
     if (!buffered_) {
       writeAll(frames.data(), frames.size());
-      return;
+      return 0;
     }
     if (isClosed()) throw RemoteError("connection to " + description_ + " is closed");
     // Straight to the socket when nothing waits before these bytes; behind
-    // the kept bytes otherwise, so that frames never interleave.
-    const std::size_t taken = pending_.size() == pendingHead_ ? writeSome(frames.data(), frames.size()) : 0;
-    if (taken == frames.size()) return;
-    pending_.append(frames.data() + taken, frames.size() - taken);
+    // the waiting frames otherwise, so that frames never interleave.
+    std::size_t taken = 0;
+    if (outbox_.empty()) {
+      taken = writeSome(frames.data(), frames.size());
+      if (taken == frames.size()) return 0;
+    }
+    // A frame cut short has started: it waits uncapped, as it cannot be dropped.
+    const std::size_t dropped =
+        outbox_.push(frames.substr(taken), taken > 0 ? Outbox::kUncapped : lane, capacity);
     const std::string reason = overLimit(std::chrono::steady_clock::now());
     if (reason.empty()) {
       if (!armed_) armed_ = arm();
-      return;
+      return dropped;
     }
     cutOffText = cutOff(reason);
   }
@@ -234,33 +241,47 @@ std::size_t Connection::writeSome(const char* data, std::size_t size) {
   return done;
 }
 
+void Connection::writeOutbox() {
+  iovec iov[kBatchFrames];
+  while (!outbox_.empty()) {
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = static_cast<std::size_t>(outbox_.gather(iov, kBatchFrames));
+    if (msg.msg_iovlen == 0) {
+      outbox_.consume(0);  // only dropped frames were left
+      continue;
+    }
+    const ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) {
+      outbox_.consume(static_cast<std::size_t>(n));
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+    const int err = errno;
+    close();
+    throw RemoteError("connection to " + description_ + " lost: " + errnoText(err));
+  }
+}
+
 void Connection::flush() noexcept {
   CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
     armed_ = false;
     if (isClosed()) {
-      std::string().swap(pending_);
-      pendingHead_ = 0;
+      outbox_.clear();
       return;
     }
     try {
-      pendingHead_ += writeSome(pending_.data() + pendingHead_, pending_.size() - pendingHead_);
+      writeOutbox();
     } catch (const std::exception&) {
-      std::string().swap(pending_);
-      pendingHead_ = 0;
+      outbox_.clear();
       return;  // the connection is closed; its reader reports the end
     }
-    if (pendingHead_ == pending_.size()) {
-      pending_.clear();
-      pendingHead_ = 0;
+    if (outbox_.empty()) {
       overSoftSince_.reset();
-      if (pending_.capacity() > kCompactBytes) std::string().swap(pending_);
       return;
-    }
-    if (pendingHead_ >= kCompactBytes && pendingHead_ * 2 >= pending_.size()) {
-      pending_.erase(0, pendingHead_);
-      pendingHead_ = 0;
     }
     const std::string reason = overLimit(std::chrono::steady_clock::now());
     if (reason.empty()) {
@@ -276,7 +297,7 @@ void Connection::checkOutput(std::chrono::steady_clock::time_point now) {
   CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
-    if (!buffered_ || isClosed() || pending_.size() == pendingHead_) return;
+    if (!buffered_ || isClosed() || outbox_.empty()) return;
     const std::string reason = overLimit(now);
     if (reason.empty()) return;
     cutOffText = cutOff(reason);
@@ -286,11 +307,11 @@ void Connection::checkOutput(std::chrono::steady_clock::time_point now) {
 
 std::size_t Connection::outputBuffered() const {
   std::lock_guard<std::mutex> lock(writeMutex_);
-  return pending_.size() - pendingHead_;
+  return outbox_.unsent();
 }
 
 std::string Connection::overLimit(std::chrono::steady_clock::time_point now) {
-  const std::size_t kept = pending_.size() - pendingHead_;
+  const std::size_t kept = outbox_.footprint();
   if (kept > outputLimits_.hardBytes)
     return "output buffer of " + std::to_string(kept) + " bytes over its hard limit maxOutputBytes " +
            std::to_string(outputLimits_.hardBytes);
@@ -305,11 +326,10 @@ std::string Connection::overLimit(std::chrono::steady_clock::time_point now) {
 }
 
 Connection::CutOff Connection::cutOff(const std::string& reason) {
-  const std::size_t lost = pending_.size() - pendingHead_;
+  const std::size_t lost = outbox_.unsent();
   // Only the hard limit cuts a connection off while it keeps more than it.
-  const bool hard = lost > outputLimits_.hardBytes;
-  std::string().swap(pending_);
-  pendingHead_ = 0;
+  const bool hard = outbox_.footprint() > outputLimits_.hardBytes;
+  outbox_.clear();
   overSoftSince_.reset();
   close();
   return CutOff{reason + " (" + std::to_string(lost) + " bytes not delivered)", hard};

@@ -27,6 +27,7 @@
 #include <string_view>
 
 #include "net/endpoint.h"
+#include "net/outbox.h"
 #include "net/wirecodec.h"
 
 namespace net {
@@ -124,6 +125,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void send(const Message& message, const ObjectEncoder& objects = ObjectEncoder());
   // Writes bytes that already form whole frames (see encodeFrame).
   void sendFrames(std::string_view frames);
+  // Buffered mode: writes frames that belong to `lane` (see Outbox): straight
+  // to the socket when nothing waits, else behind what waits, where at most
+  // `capacity` frames of the lane may wait (the oldest is dropped). Returns
+  // how many frames were dropped. Throws RemoteError like sendFrames.
+  std::size_t sendFrames(std::string_view frames, std::uint64_t lane, std::size_t capacity);
 
   // Reads the next message. REQUIRES: one reader at a time.
   [[nodiscard]] ReadStatus read(Message& out);
@@ -144,6 +150,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Writes without waiting; returns how much the socket took. Closes the
   // connection and throws RemoteError when it fails.
   std::size_t writeSome(const char* data, std::size_t size);
+  // REQUIRES: writeMutex_ held. Writes what the outbox holds, many frames per
+  // system call, until it is empty or the socket would block. Throws like writeSome.
+  void writeOutbox();
   // REQUIRES: writeMutex_ held. Asks the flusher to write the kept bytes; false without one.
   bool arm();
   // REQUIRES: writeMutex_ held. The reason to cut the connection off now, or empty.
@@ -173,8 +182,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   OutputLimits outputLimits_;
   std::weak_ptr<WriteFlusher> flusher_;  // owned by the server, which outlives its writes
   std::function<void(bool, const std::string&)> onCutOff_;
-  std::string pending_;      // bytes [pendingHead_, end) wait for the socket
-  std::size_t pendingHead_ = 0;
+  Outbox outbox_;            // frames waiting for the socket
   bool armed_ = false;       // the flusher will call flush()
   std::optional<std::chrono::steady_clock::time_point> overSoftSince_;
   // Used by the reading thread only.

@@ -5,7 +5,6 @@
 #include "mz/session.h"
 #include "net/metacodec.h"
 #include "net/remoteobject.h"
-#include "rx/rxexecutor.h"
 #include "rx/rxlog.h"
 
 namespace net {
@@ -18,6 +17,10 @@ RX::log::Category& peerLog() {
 }
 
 thread_local const Peer* tlsRegistrant = nullptr;
+
+// The outbox lane of emissions, service events and releases; posts use their
+// target's import id.
+constexpr std::uint64_t kEventsLane = ~std::uint64_t(0);
 
 // Marks the current thread as registering on behalf of a peer.
 class RegistrantScope {
@@ -51,15 +54,12 @@ const RX::RXValue& expectField(const Message& m, std::size_t i, RX::RXValue::Typ
 
 }  // namespace
 
-Peer::Peer(std::shared_ptr<mz::Session> session, std::shared_ptr<RX::RXExecutor> executor, Settings settings,
-           std::string sessionId, std::string clientName)
+Peer::Peer(std::shared_ptr<mz::Session> session, Settings settings, std::string sessionId, std::string clientName)
     : ObjectBridge(peerDescription(clientName, sessionId), "broker"),
       session_(std::move(session)),
-      executor_(std::move(executor)),
       settings_(std::move(settings)),
       sessionId_(std::move(sessionId)),
-      clientName_(std::move(clientName)),
-      eventQueue_(executor_->makeQueue("events to " + peerName(), settings_.queueCapacity)) {}
+      clientName_(std::move(clientName)) {}
 
 Peer::~Peer() { close("peer destroyed"); }
 
@@ -337,77 +337,80 @@ Message Peer::exchange(Message request) {
   return future.value();
 }
 
-void Peer::queueFrame(RX::SerialQueue& queue, const Message& message, const char* what) {
-  // Encoded here, on the caller's thread, so that the object references it
-  // carries are exported before the caller goes on; only the write waits.
-  auto bytes = std::make_shared<std::string>();
-  encodeFrame(message, *bytes, objectEncoder(), Limits().maxFrameBytes);
-  std::weak_ptr<ObjectBridge> self = weak_from_this();
-  queue.post([self, bytes, what] {
-    auto peer = std::static_pointer_cast<Peer>(self.lock());
-    if (!peer) return;
-    std::shared_ptr<Connection> connection;
-    {
-      std::lock_guard<std::mutex> lock(peer->mutex_);
-      if (peer->closed_) return;
-      connection = peer->eventConnection_;
-    }
-    if (!connection) return;
-    try {
-      connection->sendFrames(*bytes);
-    } catch (const std::exception& e) {
-      RX_DEBUG(peerLog(), what << " to " << peer->peerName() << " lost: " << e.what());
-    }
-  });
+void Peer::writeFrame(std::uint64_t lane, const Message& message, const char* what) {
+  std::shared_ptr<Connection> connection;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return;
+    connection = eventConnection_;
+  }
+  if (!connection) return;
+  // Encoded on the caller's thread, so that the object references it carries
+  // are exported before the caller goes on; one buffer per thread, so that a
+  // steady stream of events allocates nothing here.
+  thread_local std::string buffer;
+  buffer.clear();
+  try {
+    encodeFrame(message, buffer, objectEncoder(), connection->limits().maxFrameBytes);
+    if (connection->sendFrames(buffer, lane, settings_.queueCapacity) > 0) countDrop(lane);
+  } catch (const std::exception& e) {
+    RX_DEBUG(peerLog(), what << " to " << peerName() << " lost: " << e.what());
+  }
+  if (buffer.capacity() > (1u << 20)) std::string().swap(buffer);
+}
+
+void Peer::countDrop(std::uint64_t lane) {
+  static RX::log::Throttle throttle;
+  std::string target;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++laneDrops_[lane];
+    auto named = serviceNames_.find(lane);
+    target = lane == kEventsLane ? std::string("signal emissions")
+             : named != serviceNames_.end() ? "posts to service " + named->second
+                                            : "posts to object " + std::to_string(lane);
+  }
+  std::uint64_t held;
+  if (throttle.allow(held))
+    RX_WARNING(peerLog(), peerName() << " reads too slowly: dropped the oldest of " << settings_.queueCapacity
+                                     << " waiting " << target << RX::log::heldBack(held));
 }
 
 void Peer::sendPost(std::uint64_t targetId, Message post) {
   if (isClosed()) throwGone();
-  queueFrame(*postQueue(targetId), post, "post");
-}
-
-std::shared_ptr<RX::SerialQueue> Peer::postQueue(std::uint64_t id) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (closed_) throwGone();
-  std::shared_ptr<RX::SerialQueue>& queue = postQueues_[id];
-  if (!queue) {
-    auto named = serviceNames_.find(id);
-    const std::string target = named != serviceNames_.end() ? "service " + named->second
-                                                            : "object " + std::to_string(id);
-    queue = executor_->makeQueue("posts to " + target + " of " + peerName(), settings_.queueCapacity);
-  }
-  return queue;
+  // Ids come from the client: one that claims lane 0 is still capped.
+  writeFrame(targetId == Outbox::kUncapped ? kEventsLane : targetId, post, "post");
 }
 
 std::map<std::string, std::uint64_t> Peer::droppedCounts() const {
   std::lock_guard<std::mutex> lock(mutex_);
   std::map<std::string, std::uint64_t> counts = retiredDrops_;
   for (const auto& named : serviceNames_) {
-    auto queue = postQueues_.find(named.first);
-    counts[named.second] += queue != postQueues_.end() ? queue->second->dropped() : 0;
+    auto drops = laneDrops_.find(named.first);
+    counts[named.second] += drops != laneDrops_.end() ? drops->second : 0;
   }
   return counts;
 }
 
-void Peer::retireQueue(std::uint64_t id) {
-  auto queue = postQueues_.find(id);
+void Peer::retireLane(std::uint64_t id) {
+  auto drops = laneDrops_.find(id);
   auto named = serviceNames_.find(id);
   // The drops stay counted after the service or the client has gone.
-  if (queue != postQueues_.end() && named != serviceNames_.end() && queue->second->dropped())
-    retiredDrops_[named->second] += queue->second->dropped();
-  if (queue != postQueues_.end()) postQueues_.erase(queue);  // queued posts still run: tasks keep their queue
+  if (drops != laneDrops_.end() && named != serviceNames_.end() && drops->second)
+    retiredDrops_[named->second] += drops->second;
+  if (drops != laneDrops_.end()) laneDrops_.erase(drops);
   if (named != serviceNames_.end()) serviceNames_.erase(named);
 }
 
 void Peer::onImportDropped(std::uint64_t id) {
   std::lock_guard<std::mutex> lock(mutex_);
-  retireQueue(id);
+  retireLane(id);
 }
 
 void Peer::sendOneWay(Message message) noexcept {
   try {
     if (isClosed()) return;
-    queueFrame(*eventQueue_, message, "message");
+    writeFrame(kEventsLane, message, "message");
   } catch (const std::exception& e) {
     RX_DEBUG(peerLog(), "message to " << peerName() << " dropped: " << e.what());
   }
@@ -438,7 +441,6 @@ void Peer::close(const std::string& reason) {
   std::vector<std::shared_ptr<Connection>> connections;
   std::unordered_map<std::uint32_t, mz::Promise<Message>> pending;
   std::set<unsigned int> services;
-  std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> queues;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return;
@@ -447,8 +449,9 @@ void Peer::close(const std::string& reason) {
     if (eventConnection_) connections.push_back(eventConnection_);
     pending.swap(pending_);
     services.swap(services_);
-    for (const auto& q : postQueues_) queues.emplace(q.first, q.second);
-    for (const auto& q : queues) retireQueue(q.first);
+    std::vector<std::uint64_t> lanes;
+    for (const auto& named : serviceNames_) lanes.push_back(named.first);
+    for (std::uint64_t lane : lanes) retireLane(lane);
   }
   RX_INFO(peerLog(), peerName() << " disconnected: " << reason);
   for (auto& c : connections) c->close();
@@ -462,8 +465,6 @@ void Peer::close(const std::string& reason) {
       RX_WARNING(peerLog(), "cannot unregister service " << id << " of " << peerName() << ": " << e.what());
     }
   }
-  for (auto& q : queues) q.second->close();
-  eventQueue_->close();
 }
 
 }  // namespace net

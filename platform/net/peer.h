@@ -8,9 +8,12 @@
 // Requests to the client are written on the event connection by the asking
 // thread, which then waits for the reply; the event connection's reader only
 // routes replies, so a broker method that calls back into a client never waits
-// for a thread that is itself waiting. Posts to one client object go through
-// one ordered queue of the broker's executor; emissions and service events
-// through one queue per peer, so a slow client never blocks the emitter.
+// for a thread that is itself waiting. Posts, emissions and service events are
+// written by the thread that makes them, straight to the event connection when
+// nothing waits there, never waiting for the client: what its socket does not
+// take waits in the connection's outbox, in order, at most queueCapacity
+// frames per target object (and as many for the emissions and service
+// events), the oldest dropped and counted beyond that.
 //
 // Thread safety: every member may be called from any thread.
 #pragma once
@@ -32,10 +35,6 @@
 namespace mz {
 class Session;
 }
-namespace RX {
-class RXExecutor;
-class SerialQueue;
-}  // namespace RX
 
 namespace net {
 
@@ -47,8 +46,7 @@ class Peer : public ObjectBridge {
     std::size_t queueCapacity = 10000;                // pending posts per client object
   };
 
-  Peer(std::shared_ptr<mz::Session> session, std::shared_ptr<RX::RXExecutor> executor, Settings settings,
-       std::string sessionId, std::string clientName);
+  Peer(std::shared_ptr<mz::Session> session, Settings settings, std::string sessionId, std::string clientName);
   ~Peer() override;
 
   const std::string& sessionId() const { return sessionId_; }
@@ -109,20 +107,18 @@ class Peer : public ObjectBridge {
   void serveListServices(Message& reply);
   void serveRegisterService(Message& request, Message& reply);
   void serveUnregisterService(Message& request, Message& reply);
-  std::shared_ptr<RX::SerialQueue> postQueue(std::uint64_t id);
-  // REQUIRES: mutex_ held. Forgets the queue towards one object, keeping its drop count.
-  void retireQueue(std::uint64_t id);
-  // Encodes `message` and queues the write of its frame to the event
-  // connection; `what` names it in the log line of a lost write.
-  void queueFrame(RX::SerialQueue& queue, const Message& message, const char* what);
+  // REQUIRES: mutex_ held. Forgets the lane towards one object, keeping its drop count.
+  void retireLane(std::uint64_t id);
+  // Encodes `message` and writes its frame to the event connection in `lane`
+  // (see Outbox); `what` names it in the log line of a lost write.
+  void writeFrame(std::uint64_t lane, const Message& message, const char* what);
+  void countDrop(std::uint64_t lane);
 
   // Constant after construction.
   const std::shared_ptr<mz::Session> session_;
-  const std::shared_ptr<RX::RXExecutor> executor_;
   const Settings settings_;
   const std::string sessionId_;
   const std::string clientName_;
-  const std::shared_ptr<RX::SerialQueue> eventQueue_;  // emissions, service events, releases
 
   // Guarded by mutex_.
   mutable std::mutex mutex_;
@@ -132,7 +128,7 @@ class Peer : public ObjectBridge {
   std::unordered_map<std::uint32_t, mz::Promise<Message>> pending_;  // by request id
   std::uint32_t nextRequestId_ = 1;
   std::set<unsigned int> services_;  // ids in the broker's session
-  std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> postQueues_;  // by import id
+  std::unordered_map<std::uint64_t, std::uint64_t> laneDrops_;  // frames dropped, by lane
   std::unordered_map<std::uint64_t, std::string> serviceNames_;  // import id -> name it was registered as
   std::map<std::string, std::uint64_t> retiredDrops_;  // by service name, of queues that are gone
 };

@@ -397,7 +397,7 @@ std::shared_ptr<Peer> Server::Impl::peerFor(const std::string& sessionId, const 
     settings.requestTimeout = options.requestTimeout;
     settings.queueCapacity = broker->options().queueCapacity;
     peer =
-        std::make_shared<Peer>(broker->session(), broker->executorHandle(), settings, sessionId, clientName);
+        std::make_shared<Peer>(broker->session(), settings, sessionId, clientName);
     RX_INFO(serverLog(), peer->peerName() << " connected");
   }
   return peer;
