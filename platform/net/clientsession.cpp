@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "net/inlinereader.h"
 #include "net/metacodec.h"
 #include "net/objectbridge.h"
 #include "net/remoteobject.h"
@@ -75,7 +76,14 @@ class ClientSession::Link : public ObjectBridge {
     // silence is judged by the supervisor.
     event_->setReadTimeout(std::chrono::milliseconds(0));
     post_ = openConnection("call");
-    reader_ = std::thread([this] { readEvents(); });
+    InlineReader::Options readerOptions;
+    readerOptions.label = "events from " + endpointText_;
+    readerOptions.laneCapacity = options_.queueCapacity;
+    readerOptions.handOverAfter = options_.handOverAfter;
+    readerOptions.laneName = [this](std::uint64_t lane) { return laneName(lane); };
+    reader_ = std::make_unique<InlineReader>(std::move(readerOptions), [this] { return readOne(); },
+                                             [this] { onEventsEnded(); });
+    reader_->start();
   }
 
   const std::string& brokerName() const { return brokerName_; }
@@ -84,7 +92,6 @@ class ClientSession::Link : public ObjectBridge {
   // imports and exports are forgotten. Idempotent.
   void shutdown() {
     std::vector<std::shared_ptr<Connection>> connections;
-    std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> queues;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (!shut_) {
@@ -95,13 +102,12 @@ class ClientSession::Link : public ObjectBridge {
         idle_.clear();
         if (event_) connections.push_back(event_);
         if (post_) connections.push_back(post_);
-        queues.swap(queues_);
       }
     }
     for (auto& c : connections) c->close();
     closeObjects();
-    for (auto& q : queues) q.second->close();
-    if (reader_.joinable() && reader_.get_id() != std::this_thread::get_id()) reader_.join();
+    // The closed event connection ends the reader; waiting callbacks are dropped.
+    if (reader_) reader_->stop();
   }
 
   // False once the event connection has ended, even before the supervisor
@@ -182,6 +188,9 @@ class ClientSession::Link : public ObjectBridge {
  protected:
   Message exchange(Message request) override {
     if (!alive()) throwGone();
+    // A callback run by the event reader that calls the broker must not keep
+    // the broker's call-backs to us, and other callbacks, from being read.
+    InlineReader::beforeBlocking();
     std::shared_ptr<Connection> c = acquire();
     const std::uint32_t id = nextRequestId_.fetch_add(1, std::memory_order_relaxed) | 1u;  // never 0
     request.requestId = id;
@@ -233,47 +242,57 @@ class ClientSession::Link : public ObjectBridge {
 
   void deliverEmit(std::uint32_t linkId, const mz::SignalSubscriber& subscriber,
                    mz::GenericFunctionParameters params) override {
-    queueFor(kLinkQueue | linkId, "emissions of link " + std::to_string(linkId))
-        ->post([subscriber, params = std::move(params)] {
-          try {
-            subscriber(params);
-          } catch (const std::exception& e) {
-            RX_ERROR(clientLog(), "a subscriber of a broker signal threw: " << e.what());
-          }
-        });
+    reader_->deliver(kLinkQueue | linkId, [subscriber, params = std::move(params)] {
+      try {
+        subscriber(params);
+      } catch (const std::exception& e) {
+        RX_ERROR(clientLog(), "a subscriber of a broker signal threw: " << e.what());
+      }
+    });
   }
 
   void deliverPost(std::uint32_t objectId, const mz::AnyObject& target, std::string method,
                    mz::GenericFunctionParameters params) override {
-    postQueueFor(objectId, target)
-        ->post([target, method = std::move(method), params = std::move(params)] {
-          try {
-            target.call(method, params);
-          } catch (const std::exception& e) {
-            RX_ERROR(clientLog(), "posted call " << method << " from the broker failed: " << e.what());
-          }
-        });
+    {
+      // Remembered for the drop counts, which name the service the object is.
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (shut_) return;
+      postTargets_.emplace(objectId, target);
+    }
+    reader_->deliver(objectId, [target, method = std::move(method), params = std::move(params)] {
+      try {
+        target.call(method, params);
+      } catch (const std::exception& e) {
+        RX_ERROR(clientLog(), "posted call " << method << " from the broker failed: " << e.what());
+      }
+    });
   }
 
  public:
   // Drops of the queues towards our services, by service name.
   std::map<std::string, std::uint64_t> droppedCounts() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unordered_map<std::uint32_t, mz::AnyObject> targets;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      targets = postTargets_;
+    }
     std::map<std::string, std::uint64_t> counts;
-    for (const auto& named : serviceQueues_) {
-      auto queue = queues_.find(named.first);
-      if (queue != queues_.end()) counts[named.second] += queue->second->dropped();
+    for (const auto& target : targets) {
+      const std::string name = serviceNameOf(target.second);
+      if (!name.empty()) counts[name] += reader_ ? reader_->dropped(target.first) : 0;
     }
     return counts;
   }
 
  protected:
   void onExportDropped(std::uint32_t objectId) override {
-    dropQueue(objectId);
+    if (reader_) reader_->forgetLane(objectId);
     std::lock_guard<std::mutex> lock(mutex_);
-    serviceQueues_.erase(objectId);
+    postTargets_.erase(objectId);
   }
-  void onInboundLinkDropped(std::uint32_t linkId) override { dropQueue(kLinkQueue | linkId); }
+  void onInboundLinkDropped(std::uint32_t linkId) override {
+    if (reader_) reader_->forgetLane(kLinkQueue | linkId);
+  }
 
  private:
   static constexpr std::uint64_t kLinkQueue = std::uint64_t(1) << 32;
@@ -349,35 +368,6 @@ class ClientSession::Link : public ObjectBridge {
     c->close();
   }
 
-  std::shared_ptr<RX::SerialQueue> queueFor(std::uint64_t key, const std::string& label) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (shut_) throwGone();
-    std::shared_ptr<RX::SerialQueue>& q = queues_[key];
-    if (!q) q = executor_->makeQueue(label, options_.queueCapacity);
-    return q;
-  }
-
-  // The queue of posts to one of our objects, named and counted after the
-  // service the object is registered as, if any.
-  std::shared_ptr<RX::SerialQueue> postQueueFor(std::uint32_t objectId, const mz::AnyObject& target) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (shut_) throwGone();
-      auto q = queues_.find(objectId);
-      if (q != queues_.end() && serviceQueues_.count(objectId)) return q->second;
-    }
-    // A post may come before the service's local registration is complete:
-    // the name is looked for again on the next post until found.
-    const std::string name = serviceNameOf(target);
-    std::shared_ptr<RX::SerialQueue> queue =
-        queueFor(objectId, name.empty() ? "posts to object " + std::to_string(objectId) : "posts to service " + name);
-    if (!name.empty()) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (queues_.count(objectId)) serviceQueues_.emplace(objectId, name);
-    }
-    return queue;
-  }
-
   // The name under which `target` is registered in this process; empty when none.
   std::string serviceNameOf(const mz::AnyObject& target) const {
     auto owner = owner_.lock();
@@ -392,9 +382,16 @@ class ClientSession::Link : public ObjectBridge {
     return std::string();
   }
 
-  void dropQueue(std::uint64_t key) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    queues_.erase(key);  // tasks already queued keep their queue and still run
+  std::string laneName(std::uint64_t lane) {
+    if (lane & kLinkQueue) return "emissions of link " + std::to_string(lane & ~kLinkQueue);
+    mz::AnyObject target;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto it = postTargets_.find(static_cast<std::uint32_t>(lane));
+      if (it != postTargets_.end()) target = it->second;
+    }
+    const std::string name = serviceNameOf(target);
+    return name.empty() ? "posts to object " + std::to_string(lane) : "posts to service " + name;
   }
 
   void replyOnEvent(Message& reply) {
@@ -414,7 +411,9 @@ class ClientSession::Link : public ObjectBridge {
     }
   }
 
-  void readEvents() {
+  // Reads and dispatches one message from the event connection; false once
+  // it has ended. On the InlineReader's reading thread.
+  bool readOne() {
     Message message;
     for (;;) {
       const Connection::ReadStatus status = event_->read(message);
@@ -424,7 +423,7 @@ class ClientSession::Link : public ObjectBridge {
         } catch (const std::exception& e) {
           RX_WARNING(clientLog(), "message from " << endpointText_ << " dropped: " << e.what());
         }
-        continue;
+        return true;
       }
       if (status == Connection::ReadStatus::TimedOut) continue;
       if (status == Connection::ReadStatus::BadFrame) {
@@ -437,10 +436,13 @@ class ClientSession::Link : public ObjectBridge {
                          error);
           replyOnEvent(error);
         }
-        continue;
+        return true;
       }
-      break;
+      return false;
     }
+  }
+
+  void onEventsEnded() {
     event_->close();
     if (auto owner = owner_.lock()) owner->onLinkLost(this);
   }
@@ -512,7 +514,7 @@ class ClientSession::Link : public ObjectBridge {
   std::string brokerName_;
   std::shared_ptr<Connection> event_;
   std::shared_ptr<Connection> post_;  // posts, emissions of our signals, releases
-  std::thread reader_;
+  std::unique_ptr<InlineReader> reader_;
 
   std::atomic<std::uint32_t> nextRequestId_{1};
 
@@ -521,8 +523,7 @@ class ClientSession::Link : public ObjectBridge {
   bool shut_ = false;
   std::vector<std::shared_ptr<Connection>> idle_;
   std::vector<std::weak_ptr<Connection>> all_;
-  std::unordered_map<std::uint64_t, std::shared_ptr<RX::SerialQueue>> queues_;
-  std::unordered_map<std::uint64_t, std::string> serviceQueues_;  // queue key -> service name
+  std::unordered_map<std::uint32_t, mz::AnyObject> postTargets_;  // our objects the broker posts to, by id
 };
 
 // ---- ClientSession ----

@@ -10,10 +10,13 @@
 //   broker->getProxy("RXMemory")->call<void>("insertData", std::string("k"), 5);
 //
 // Threads: a blocking call is written and its reply read by the calling thread
-// on a call connection from a small pool. Requests from the broker (calls and
-// posts to our services, signal emissions, service events) arrive on one event
-// connection whose reader hands them to the session's executor; posts to one
-// object and emissions of one link keep their order. A supervisor thread pings
+// on a call connection from a small pool. Requests from the broker arrive on
+// one event connection. Its reader (net::InlineReader) runs posts to our
+// objects and signal emissions itself, one at a time per object or link, in
+// order; when such a callback blocks (it calls the broker, or runs longer than
+// Options::handOverAfter) a standby thread reads on, and the callbacks of that
+// object or link wait behind it, capped. Calls from the broker that wait for a
+// reply, and service events, run on the session's executor. A supervisor thread pings
 // the broker every second, declares it dead after five silent seconds, and
 // reconnects with backoff (100 ms doubling to 2 s), registering the local
 // services again, making again what the session made at the broker (see
@@ -68,6 +71,9 @@ class ClientSession : public mz::Session, public std::enable_shared_from_this<Cl
     // one link); beyond this the oldest waiting one is dropped and counted, so
     // a slow service neither stalls the reader nor grows memory without bound.
     std::size_t queueCapacity = 10000;
+    // A callback run by the event reader for this long is left to finish on
+    // its own while another thread reads on.
+    std::chrono::milliseconds handOverAfter{20};
     Limits limits;                       // what the broker may make us decode
     // Remember what calls through this session make at the broker, and make it
     // again after reconnecting (a restarted broker has forgotten it): the

@@ -61,6 +61,17 @@ TEST_P(Callbacks, BrokerMethodCallsBackTheClientThatWaitsForIt) {
   }
 }
 
+TEST_P(Callbacks, APostedCallbackMayCallTheBrokerWhichCallsItsClientBack) {
+  // The callback runs on the client's event reader, which must keep reading
+  // for the broker's call back to Tool.subscribe to be answered.
+  boost::shared_ptr<RX::RXProxy> remoteTool = broker->getProxy("Tool");
+  std::pair<int, int> notifyState{0, 0};
+  for (int i = 0; i < 3; ++i) remoteTool->pCallNotify("onRelay", "key", RX::RXValue(i), RX::RXValue(""), &notifyState);
+  ASSERT_TRUE(tool->events.waitFor(3)) << "a callback calling the broker stalled its own client";
+  std::vector<RX::RXValue> got = tool->events.values();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ("subscribed " + std::to_string(i), got[i].toString(0));
+}
+
 TEST_P(Callbacks, ClientFollowsAndEmitsBrokerSignals) {
   mz::AnyObject remoteCalc = session->service("Calc").value();
   Recorder first, second;

@@ -98,6 +98,13 @@ TEST_P(SlowSubscriber, PostsToAStuckClientAreCappedCountedAndKeepTheNewest) {
   EXPECT_EQ(kPosts, notifyState.first);
   EXPECT_EQ(0u, slow->events.size());
 
+  // Another service of the same client is called back meanwhile.
+  auto quick = boost::make_shared<ToolModule>(clientBroker, "Quick");
+  quick->initModule();
+  broker->getProxy("Quick")->pCallNotify("onEvent", "key", RX::RXValue(7), RX::RXValue(""), &notifyState);
+  ASSERT_TRUE(quick->events.waitFor(1)) << "a stuck callback held up another service's";
+  quick->exit();
+
   // Everything the broker queued has been written; a call written after the
   // posts on the same connection comes back once the client has read them all.
   ASSERT_TRUE(broker->executor().drain(kWait)) << "the broker's queue towards the client did not empty";

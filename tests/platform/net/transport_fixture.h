@@ -187,6 +187,11 @@ class ToolModule : public RX::RXModule {
     functionName("askBroker", "Tool", "Calls Calc.add(a, 1) at the broker.");
     addParam("a", "");
     advertiseMethod(getCurrentMethodDescription(), this, &ToolModule::askBroker);
+    functionName("onRelay", "Tool", "Subscriber callback that calls the broker, which calls this client back.");
+    addParam("key", "");
+    addParam("value", "");
+    addParam("message", "");
+    advertiseMethod(getCurrentMethodDescription(), this, &ToolModule::onRelay);
     advertiseSignal("beeped", &beeped);
   }
 
@@ -195,6 +200,10 @@ class ToolModule : public RX::RXModule {
     return RX::RXValue("subscribed " + name.toString(0));
   }
   void onEvent(const std::string&, const RX::RXValue& value, const RX::RXValue&) { events.add(value); }
+  void onRelay(const std::string&, const RX::RXValue& value, const RX::RXValue&) {
+    events.add(getParentBroker()->getProxy("Calc")->call<RX::RXValue>("callClient", std::string(getName()),
+                                                                      std::string("subscribe"), value));
+  }
   RX::RXValue askBroker(const RX::RXValue& a) {
     return RX::RXValue(getParentBroker()->getProxy("Calc")->call<int>("add", a.toInt(), 1));
   }
