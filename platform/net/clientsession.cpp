@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "net/batchwriter.h"
 #include "net/inlinereader.h"
 #include "net/metacodec.h"
 #include "net/objectbridge.h"
@@ -76,6 +77,7 @@ class ClientSession::Link : public ObjectBridge {
     // silence is judged by the supervisor.
     event_->setReadTimeout(std::chrono::milliseconds(0));
     post_ = openConnection("call");
+    postWriter_ = std::make_unique<BatchWriter>(post_);
     InlineReader::Options readerOptions;
     readerOptions.label = "events from " + endpointText_;
     readerOptions.laneCapacity = options_.queueCapacity;
@@ -108,6 +110,7 @@ class ClientSession::Link : public ObjectBridge {
     closeObjects();
     // The closed event connection ends the reader; waiting callbacks are dropped.
     if (reader_) reader_->stop();
+    if (postWriter_) postWriter_->stop();
   }
 
   // False once the event connection has ended, even before the supervisor
@@ -171,7 +174,7 @@ class ClientSession::Link : public ObjectBridge {
   void sendPost(std::uint64_t /*targetId*/, Message post) override {
     if (isClosed()) throwGone();
     try {
-      post_->send(post, objectEncoder());
+      postWriter_->send(post, objectEncoder());
     } catch (const RemoteError&) {
       throwGone();
     }
@@ -234,7 +237,7 @@ class ClientSession::Link : public ObjectBridge {
 
   void sendOneWay(Message message) noexcept override {
     try {
-      if (!isClosed()) post_->send(message, objectEncoder());
+      if (!isClosed()) postWriter_->send(message, objectEncoder());
     } catch (const std::exception& e) {
       RX_DEBUG(clientLog(), "message to " << endpointText_ << " lost: " << e.what());
     }
@@ -504,7 +507,7 @@ class ClientSession::Link : public ObjectBridge {
     }
   }
 
-  // Constant after construction (event_, post_ and reader_ once open() returned).
+  // Constant after construction (event_, post_, postWriter_ and reader_ once open() returned).
   const std::weak_ptr<ClientSession> owner_;
   const Endpoint endpoint_;
   const std::string endpointText_;
@@ -514,6 +517,7 @@ class ClientSession::Link : public ObjectBridge {
   std::string brokerName_;
   std::shared_ptr<Connection> event_;
   std::shared_ptr<Connection> post_;  // posts, emissions of our signals, releases
+  std::unique_ptr<BatchWriter> postWriter_;  // writes post_
   std::unique_ptr<InlineReader> reader_;
 
   std::atomic<std::uint32_t> nextRequestId_{1};

@@ -1,5 +1,7 @@
 #include "net/inlinereader.h"
 
+#include <pthread.h>
+
 #include <utility>
 
 #include "rx/rxlog.h"
@@ -90,7 +92,10 @@ bool InlineReader::spawnLocked(bool reader) {
   }
   auto worker = std::make_shared<Worker>();
   if (!reader) hasStandby_ = true;
-  worker->thread = std::thread([this, worker, reader] { run(worker, reader); });
+  worker->thread = std::thread([this, worker, reader] {
+    ::pthread_setname_np(::pthread_self(), "rx-events");
+    run(worker, reader);
+  });
   workers_.push_back(worker);
   return true;
 }

@@ -1,6 +1,7 @@
 #include "net/server.h"
 
 #include <arpa/inet.h>
+#include <pthread.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <netinet/in.h>
@@ -379,7 +380,10 @@ void Server::Impl::acceptLoop(Listener* listener) {
     }
     handlers.push_back(handler);
     ++openConnections;
-    handler->thread = std::thread([this, handler] { serve(handler); });
+    handler->thread = std::thread([this, handler] {
+      ::pthread_setname_np(::pthread_self(), "rx-connection");
+      serve(handler);
+    });
   }
 }
 

@@ -1,5 +1,7 @@
 #include "net/writeflusher.h"
 
+#include <pthread.h>
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -31,7 +33,10 @@ WriteFlusher::WriteFlusher() {
   wake.events = EPOLLIN;
   wake.data.u64 = kWakeId;
   ::epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &wake);
-  thread_ = std::thread([this] { run(); });
+  thread_ = std::thread([this] {
+    ::pthread_setname_np(::pthread_self(), "rx-flusher");
+    run();
+  });
 }
 
 WriteFlusher::~WriteFlusher() {

@@ -1,5 +1,7 @@
 #include "rx/rxexecutor.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -258,6 +260,9 @@ void SerialQueue::post(std::function<void()> task) {
 }
 
 void SerialQueue::runSome() {
+  // Named for top -H and profilers, once per pool thread.
+  static thread_local const bool named = ::pthread_setname_np(::pthread_self(), "rx-executor") == 0;
+  (void)named;
   RXExecutor::Impl& pool = *state_->pool;
   pool.started();
   RunningOn running(&pool);
