@@ -658,6 +658,44 @@ void latencyRows(const std::string& what, const Distribution TransportFigures::*
       ratio(ur.p99(), uR.p99()));
 }
 
+// One goal, judged on both transports from this run's figures.
+void goalRow(const std::string& goal, const std::string& tcp, bool tcpMet, const std::string& unixText, bool unixMet) {
+  std::printf("| %-52s | %-16s | %-16s |\n", goal.c_str(), (tcp + (tcpMet ? " met" : " MISSED")).c_str(),
+              (unixText + (unixMet ? " met" : " MISSED")).c_str());
+}
+
+void printGoals(const TransportFigures& t, const TransportFigures& u, const KeyFigures& k) {
+  std::printf("\nGoals, judged on this run\n\n| %-52s | %-16s | %-16s |\n|%s|%s|%s|\n", "goal", "TCP", "Unix",
+              std::string(54, '-').c_str(), std::string(18, '-').c_str(), std::string(18, '-').c_str());
+  const auto atMost = [](const std::string& goal, double tr, double tR, double ur, double uR, double limit) {
+    goalRow(goal, ratio(tr, tR), tr <= limit * tR, ratio(ur, uR), ur <= limit * uR);
+  };
+  atMost("event latency p50 <= Redis PUBLISH (ratio)", t.rxEvent.p50(), t.redisEvent.p50(), u.rxEvent.p50(),
+         u.redisEvent.p50(), 1.0);
+  atMost("event latency p99 <= Redis PUBLISH (ratio)", t.rxEvent.p99(), t.redisEvent.p99(), u.rxEvent.p99(),
+         u.redisEvent.p99(), 1.0);
+  goalRow("posted writes/s >= 1.5x Redis pipelined x16 (ratio)", ratio(t.rxPostedPerSec, t.redisPipelinedPerSec),
+          t.rxPostedPerSec >= 1.5 * t.redisPipelinedPerSec, ratio(u.rxPostedPerSec, u.redisPipelinedPerSec),
+          u.rxPostedPerSec >= 1.5 * u.redisPipelinedPerSec);
+  atMost("insertData p50 <= Redis SET (ratio)", t.rxInsert.p50(), t.redisSet.p50(), u.rxInsert.p50(),
+         u.redisSet.p50(), 1.0);
+  atMost("getData p50 <= Redis GET (ratio)", t.rxGet.p50(), t.redisGet.p50(), u.rxGet.p50(), u.redisGet.p50(), 1.0);
+  const auto overFloor = [](double v, double floor) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%+.1f us", v - floor);
+    return std::string(buf);
+  };
+  goalRow("insertData p50 within 5 us of the raw ping-pong", overFloor(t.rxInsert.p50(), t.raw.p50()),
+          t.rxInsert.p50() - t.raw.p50() <= 5.0, overFloor(u.rxInsert.p50(), u.raw.p50()),
+          u.rxInsert.p50() - u.raw.p50() <= 5.0);
+  goalRow("getData p50 within 5 us of the raw ping-pong", overFloor(t.rxGet.p50(), t.raw.p50()),
+          t.rxGet.p50() - t.raw.p50() <= 5.0, overFloor(u.rxGet.p50(), u.raw.p50()), u.rxGet.p50() - u.raw.p50() <= 5.0);
+  char bytes[32];
+  std::snprintf(bytes, sizeof bytes, "%.0f B", k.rxBytes);
+  std::printf("| %-52s | %-16s | %-16s |\n", "bytes per int key at 1M keys <= 300 B (broker process)",
+              (std::string(bytes) + (k.rxBytes > 0 && k.rxBytes <= 300 ? " met" : " MISSED")).c_str(), "");
+}
+
 void printTable(const TransportFigures& t, const TransportFigures& u, const KeyFigures& k) {
   std::printf("\nRXMemory (net::Server, in-process broker) vs redis-server, one client connection each; "
               "ratio = RXMemory / Redis (below 1: RXMemory is faster or smaller)\n\n");
@@ -682,6 +720,7 @@ void printTable(const TransportFigures& t, const TransportFigures& u, const KeyF
   row("bytes per int key at 1M keys (Redis RSS)", a, c, ratio(k.rxBytes, k.redisRssBytes), "", "", "");
   std::printf("\n(for writes per second, below 1 means Redis writes more per second; RX bytes are the broker "
               "process's resident growth)\n");
+  printGoals(t, u, k);
 }
 
 // Quantiles of every distribution, one row per fraction, for gnuplot.

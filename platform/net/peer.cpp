@@ -5,6 +5,7 @@
 #include "mz/session.h"
 #include "net/metacodec.h"
 #include "net/remoteobject.h"
+#include "rx/rxexecutor.h"
 #include "rx/rxlog.h"
 
 namespace net {
@@ -429,7 +430,10 @@ void Peer::deliverEmit(std::uint32_t /*linkId*/, const mz::SignalSubscriber& sub
 
 void Peer::deliverPost(std::uint32_t /*objectId*/, const mz::AnyObject& target, std::string method,
                        mz::GenericFunctionParameters params) {
-  // Modules queue their posted calls on the broker's executor themselves.
+  // Modules queue their posted calls on the broker's executor themselves;
+  // this reader may run one at once when its module has nothing queued: the
+  // client waits for nothing, and its next posts wait in its socket.
+  RX::PostsRunHere here;
   target.post(method, std::move(params));
 }
 

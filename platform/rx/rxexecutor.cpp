@@ -95,6 +95,14 @@ class RunningOn {
 
 }  // namespace
 
+namespace {
+thread_local bool tPostsRunHere = false;
+}  // namespace
+
+PostsRunHere::PostsRunHere() : previous_(tPostsRunHere) { tPostsRunHere = true; }
+PostsRunHere::~PostsRunHere() { tPostsRunHere = previous_; }
+bool PostsRunHere::active() { return tPostsRunHere; }
+
 // ---- RXExecutor ----
 
 struct RXExecutor::Impl {
@@ -117,6 +125,10 @@ struct RXExecutor::Impl {
   std::mutex idleMutex;
   std::condition_variable idle;
   std::atomic<int64_t> outstanding{0};
+
+  // Tasks running on a caller's thread (SerialQueue::runHereIfIdle) that may
+  // still schedule a drain job: shutdown waits for them before joining.
+  std::atomic<int> schedulePending{0};
 
   // Jobs handed to the pool that no thread has started yet: a drain job
   // stops watching its empty queue as soon as others wait for a thread.
@@ -178,6 +190,11 @@ void RXExecutor::shutdown() {
     std::unique_lock<std::shared_mutex> gate(impl_->gate);
     impl_->accepting = false;
     stopped_.store(true);
+  }
+  {
+    // Tasks running on callers' threads may still hand their queue to the pool.
+    std::unique_lock<std::mutex> idle(impl_->idleMutex);
+    impl_->idle.wait(idle, [&] { return impl_->schedulePending.load() == 0; });
   }
   std::lock_guard<std::mutex> lock(impl_->joinMutex);
   if (impl_->joined) return;
@@ -257,6 +274,43 @@ void SerialQueue::post(std::function<void()> task) {
     if (schedule) impl.schedule([self = shared_from_this()] { self->runSome(); });
   }
   if (logDrop) RX_WARNING(executorLog(), "queue " << label_ << " full: dropped " << dropped_.load() << " pending calls");
+}
+
+bool SerialQueue::runHereIfIdle(void (*run)(void*), void* task) {
+  std::shared_ptr<RXExecutor> executor = executor_.lock();
+  if (!executor) return false;
+  RXExecutor::Impl& impl = *executor->impl_;
+  {
+    // Counted as accepted work under the gate, as a post is, so that
+    // shutdown's join cannot slip between this and the tail's schedule.
+    std::shared_lock<std::shared_mutex> gate(impl.gate);
+    if (!impl.accepting) return false;
+    std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
+    if (state_->closed || state_->scheduled || !state_->tasks.empty()) return false;
+    state_->scheduled = true;  // held like a drain job: posts meanwhile queue behind
+    impl.added(1);
+    impl.schedulePending.fetch_add(1, std::memory_order_acq_rel);
+  }
+  {
+    // As on a pool thread: a task that drains or shuts the executor down fails clearly.
+    RunningOn running(&impl);
+    const auto function = [run, task] { run(task); };
+    runGuarded(function, label_);
+  }
+  executed_.fetch_add(1);
+  bool more;
+  {
+    std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
+    more = !state_->tasks.empty();
+    if (!more) state_->scheduled = false;
+  }
+  if (more) impl.schedule([self = shared_from_this()] { self->runSome(); });
+  if (impl.schedulePending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    std::lock_guard<std::mutex> lock(impl.idleMutex);
+    impl.idle.notify_all();
+  }
+  impl.finished(1);
+  return true;
 }
 
 void SerialQueue::runSome() {

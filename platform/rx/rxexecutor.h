@@ -23,6 +23,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 namespace RX {
 
@@ -64,10 +65,36 @@ class RXExecutor : public std::enable_shared_from_this<RXExecutor> {
   std::atomic<bool> stopped_{false};
 };
 
+// Marks the current thread, while the scope lasts, as one that may run the
+// posted calls it makes itself when their queue is idle (runHereIfIdle): the
+// transport's reader of a client's posts, which has nothing else to do
+// meanwhile and whose client waits for nothing. Scopes nest.
+class PostsRunHere {
+ public:
+  PostsRunHere();
+  ~PostsRunHere();
+  PostsRunHere(const PostsRunHere&) = delete;
+  PostsRunHere& operator=(const PostsRunHere&) = delete;
+  [[nodiscard]] static bool active();
+
+ private:
+  const bool previous_;
+};
+
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   // Throws ExecutorStoppedError after the executor's shutdown or close().
   void post(std::function<void()> task);
+  // Runs `task` on the calling thread, now, when the queue has nothing
+  // pending or running (it keeps the queue's order: posts that come meanwhile
+  // run after it, on the pool). Returns false, running nothing, otherwise or
+  // once the queue or executor has stopped: the caller then posts. For a
+  // thread that may wait for the task, such as the reader of the client that
+  // posted it, so a stream of posts costs no hand-off.
+  template <typename F>
+  bool runHereIfIdle(F&& task) {
+    return runHereIfIdle([](void* f) { (*static_cast<std::remove_reference_t<F>*>(f))(); }, &task);
+  }
   // Refuses further tasks and drops the pending ones (a module that exits).
   void close();
   bool isClosed() const;
@@ -83,6 +110,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   struct State;
   SerialQueue(std::weak_ptr<RXExecutor> executor, std::string label, std::size_t capacity);
   void runSome();
+  bool runHereIfIdle(void (*run)(void*), void* task);
   // Watches the emptied queue for a moment; true when a task came in.
   bool lingerForWork() const;
 

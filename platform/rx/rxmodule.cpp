@@ -175,6 +175,14 @@ void RXModule::publish(mz::DynamicObject::Invoker invoker, std::vector<mz::Param
 void RXModule::metaPost(const std::string& method, mz::GenericFunctionParameters params) {
   boost::weak_ptr<RXModule> weak = weak_from_this();
   if (hasExited() || !queue_ || weak.expired()) throw mz::ObjectGoneError(goneMessage(name_));
+  if (PostsRunHere::active() && queue_->runHereIfIdle([&] {
+        try {
+          metaCall(method, params);
+        } catch (const std::exception& e) {
+          RX_ERROR(moduleLog(), "posted call " << getName() << "." << method << " failed: " << e.what());
+        }
+      }))
+    return;
   try {
     // The task holds only a weak reference: a module destroyed before its
     // turn comes is simply not called.

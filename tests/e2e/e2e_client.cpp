@@ -5,9 +5,12 @@
 //
 //   rx_e2e_client ENDPOINT EVENT [MODULE]     (MODULE defaults to E2EClient)
 //   stdout: "ready", then "event KEY VALUE MESSAGE" per notification, "bye" at the end.
+//   stdin: a line "raise N KEY" raises event KEY N times (blocking calls), then
+//   says "raised N" (bench/syscalls_per_event.sh counts system calls with it).
 #include <boost/make_shared.hpp>
 #include <iostream>
 #include <mutex>
+#include <sstream>
 #include <string>
 
 #include "net/clientsession.h"
@@ -57,7 +60,14 @@ int main(int argc, char** argv) {
                      std::string("onEvent"));
     say("ready");
     std::string line;
+    boost::shared_ptr<RX::RXProxy> memory = broker->getProxy("RXMemory");
     while (std::getline(std::cin, line)) {
+      std::istringstream words(line);
+      std::string verb, key;
+      int n = 0;
+      if (!(words >> verb >> n >> key) || verb != "raise") continue;
+      for (int i = 0; i < n; ++i) memory->call<void>("raiseEvent", key, RX::RXValue(i));
+      say("raised " + std::to_string(n));
     }
     broker->shutdown();
     session->close();

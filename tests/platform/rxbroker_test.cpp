@@ -384,6 +384,37 @@ TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) 
   executor->shutdown();
 }
 
+// A reader of posts may run a post itself when its queue is idle; never
+// around tasks that wait or run, and what is posted meanwhile runs after it.
+TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder) {
+  auto executor = std::make_shared<RX::RXExecutor>();
+  std::shared_ptr<RX::SerialQueue> queue = executor->makeQueue("Q");
+  std::vector<std::string> order;  // touched by one task at a time
+  std::thread::id ranOn;
+  ASSERT_TRUE(queue->runHereIfIdle([&] {
+    ranOn = std::this_thread::get_id();
+    order.push_back("inline");
+    queue->post([&] { order.push_back("posted meanwhile"); });
+    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); })) << "the queue is busy with this task";
+  }));
+  EXPECT_EQ(std::this_thread::get_id(), ranOn);
+
+  auto latch = std::make_shared<Latch>();
+  queue->post([latch] {
+    latch->started.set_value();
+    latch->released.wait_for(kWait);
+  });
+  ASSERT_EQ(std::future_status::ready, latch->started.get_future().wait_for(kWait));
+  EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("while a task runs"); }));
+  latch->release.set_value();
+  ASSERT_TRUE(executor->drain(kWait));
+  EXPECT_EQ((std::vector<std::string>{"inline", "posted meanwhile"}), order);
+  EXPECT_EQ(3u, queue->executed());
+  executor->shutdown();
+  EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("after shutdown"); }));
+  EXPECT_EQ(2u, order.size());
+}
+
 TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   auto broker = RX::RXBroker::create("b");
   auto received = std::make_shared<Received>();
