@@ -450,7 +450,7 @@ void Peer::close(const std::string& reason) {
     for (const auto& q : postQueues_) queues.emplace(q.first, q.second);
     for (const auto& q : queues) retireQueue(q.first);
   }
-  RX_INFO(peerLog(), peerName() << " disconnected: " << reason);
+  RX_DEBUG(peerLog(), peerName() << " disconnected: " << reason);
   for (auto& c : connections) c->close();
   for (auto& p : pending) p.second.setError(peerName() + " has gone away");
   closeObjects();
