@@ -37,10 +37,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/rxmemory_map_signal_event.txt.exam
 # time, when the prefix is known (cmake --install --prefix, or CPack's /usr).
 install(CODE "
   set(RX_BINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
-  configure_file(\"${PROJECT_SOURCE_DIR}/packaging/rxbroker.service.in\"
-                 \"${PROJECT_BINARY_DIR}/packaging/rxbroker.service\" @ONLY)
-  file(INSTALL \"${PROJECT_BINARY_DIR}/packaging/rxbroker.service\"
-       DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
+  set(rx_unit \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system/rxbroker.service\")
+  message(STATUS \"Installing: \${rx_unit}\")
+  configure_file(\"${PROJECT_SOURCE_DIR}/packaging/rxbroker.service.in\" \"\${rx_unit}\" @ONLY)
 ")
 
 set(rx_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/RXMemory)
