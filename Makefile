@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: run test build deps configure clean tsan asan bench
+.PHONY: run test build deps configure clean tsan asan bench package
 
 deps:
 	@scripts/install-deps
@@ -19,6 +19,15 @@ run: build
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The Debian package (build-package/rxmemory_VERSION_ARCH.deb): a Release build
+# of its own with prefix /usr, without the tests.
+package: deps
+	@cmake -S . -B build-package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DRX_BUILD_TESTS=OFF \
+		$(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-package -j $(JOBS)
+	@cd build-package && cpack
+	@ls build-package/*.deb
 
 # Sanitizer builds in their own directories.
 asan:
@@ -38,4 +47,4 @@ bench:
 	@build-bench/remote_driver docs
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-package

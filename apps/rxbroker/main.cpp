@@ -3,8 +3,10 @@
 // over the network, and runs until SIGINT or SIGTERM.
 #include <dlfcn.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -19,8 +21,51 @@
 #include "rx/rxbroker.h"
 #include "rx/rxlog.h"
 #include "rx/rxmemorybudget.h"
+#include "rx/rxversion.h"
+
+// The module folder relative to the broker's own folder in an installed tree
+// (set by the build from its install layout).
+#ifndef RX_BIN_TO_MODULES
+#define RX_BIN_TO_MODULES "../lib/rxmemory/modules"
+#endif
 
 namespace {
+
+const char* const kMemoryModule = "rxmemory";
+
+// Where --module NAME is looked for: the installed module folder, then the
+// broker's own folder (a build tree keeps the modules next to the broker).
+// Found from the executable's location, so an installed tree works wherever
+// it is put.
+std::vector<std::filesystem::path> moduleFolders() {
+  std::vector<std::filesystem::path> folders;
+  std::error_code ec;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return folders;
+  folders.push_back((self.parent_path() / RX_BIN_TO_MODULES).lexically_normal());
+  folders.push_back(self.parent_path());
+  return folders;
+}
+
+// A module given by path (it has a '/') is loaded from there; a NAME is
+// libNAME.so or NAME in the module folders, in order, else what dlopen finds
+// by that name (LD_LIBRARY_PATH, the system's folders).
+std::string resolveModule(const std::string& nameOrPath) {
+  if (nameOrPath.find('/') != std::string::npos) return nameOrPath;
+  for (const std::filesystem::path& folder : moduleFolders()) {
+    for (const std::string& file : {"lib" + nameOrPath + ".so", nameOrPath}) {
+      std::error_code ec;
+      if (std::filesystem::is_regular_file(folder / file, ec)) return (folder / file).string();
+    }
+  }
+  return nameOrPath;
+}
+
+std::string folderList() {
+  std::string text;
+  for (const std::filesystem::path& folder : moduleFolders()) text += (text.empty() ? "" : ", ") + folder.string();
+  return text.empty() ? "(unknown: /proc/self/exe unreadable)" : text;
+}
 
 using CreateModuleFn = int (*)(boost::shared_ptr<RX::RXBroker>);
 
@@ -64,8 +109,11 @@ int main(int argc, char** argv) {
   unsigned int softOutputMs = static_cast<unsigned int>(serverOptions.output.softTime.count());
 
   CLI::App app{"rxbroker: hosts RXMemory and other modules and serves them to every process of the robot."};
+  app.set_version_flag("--version", std::string("rxbroker " RX_VERSION " (git revision " RX_GIT_REVISION ")"),
+                       "Print the version and the git revision it was built from, and exit");
   app.add_option("--module", modules,
-                 "Module library to load after the memory (repeatable). The memory is " RX_DEFAULT_MODULE);
+                 "Module library to load after the memory (repeatable): a path, or a NAME looked up as libNAME.so "
+                 "or NAME in " + folderList() + ". The memory is the module " + kMemoryModule);
   app.add_option("--listen", listen,
                  "Endpoint to listen on, tcp://HOST:PORT or unix:///path (repeatable; default "
                  "tcp://127.0.0.1:9780)");
@@ -166,9 +214,12 @@ int main(int argc, char** argv) {
   options.queueCapacity = queueCapacity;
   boost::shared_ptr<RX::RXBroker> broker = RX::RXBroker::create("rxbroker", options);
 
-  modules.insert(modules.begin(), RX_DEFAULT_MODULE);
-  for (const std::string& path : modules) {
+  modules.insert(modules.begin(), kMemoryModule);
+  for (const std::string& module : modules) {
+    const std::string path = resolveModule(module);
     std::string error = loadModule(path, broker);
+    if (!error.empty() && path == module && module.find('/') == std::string::npos)
+      error += " (looked for lib" + module + ".so and " + module + " in " + folderList() + ")";
     if (!error.empty()) {
       broker->shutdown();
       return fail(error);

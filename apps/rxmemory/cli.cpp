@@ -22,6 +22,7 @@
 #include "printer.h"
 #include "rx/rxerror.h"
 #include "rx/rxlog.h"
+#include "rx/rxversion.h"
 #include "watcher.h"
 
 namespace rxcli {
@@ -347,6 +348,8 @@ int Cli::run(int argc, const char* const* argv) {
   app.name("rxmemory");
   app.footer(kValueSyntax);
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("rxmemory " RX_VERSION " (git revision " RX_GIT_REVISION ")"),
+                       "Print the version and the git revision it was built from, and exit");
   // Global options are accepted after the command too (rxmemory get K --json).
   app.fallthrough();
   app.add_option("--url", request.url, "Broker endpoint, tcp://HOST:PORT or unix:///path")->capture_default_str();
@@ -375,6 +378,9 @@ int Cli::run(int argc, const char* const* argv) {
     app.parse(static_cast<int>(marked.size()), marked.data());
   } catch (const CLI::CallForHelp&) {
     out_ << helpOf(app);
+    return 0;
+  } catch (const CLI::CallForVersion& e) {
+    out_ << e.what() << "\n";
     return 0;
   } catch (const CLI::CallForAllHelp&) {
     out_ << app.help("", CLI::AppFormatMode::All);

@@ -1,13 +1,16 @@
 #include "mz/datapath.h"
 
+#include <dlfcn.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
 
-// The build defines the install prefix; this keeps a stand-alone compile working.
-#ifndef RX_INSTALL_PREFIX
-#define RX_INSTALL_PREFIX "/usr/local"
+// The installed data folder relative to the folder of this library (set by the
+// build from its install layout); this keeps a stand-alone compile working.
+#ifndef RX_LIB_TO_DATA
+#define RX_LIB_TO_DATA "../share/rx"
 #endif
 
 namespace mz {
@@ -24,6 +27,21 @@ std::mutex& runtimeMutex() {
 std::vector<std::string>& runtimeDirectories() {
   static std::vector<std::string> dirs;
   return dirs;
+}
+
+// The data folder of the installed tree this library belongs to, found from
+// the library's own location so that a tree works wherever it is put.
+const std::string& installedDataDirectory() {
+  static const std::string dir = [] {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&installedDataDirectory), &info) == 0 || info.dli_fname == nullptr)
+      return std::string();
+    std::error_code ec;
+    std::filesystem::path library = std::filesystem::canonical(info.dli_fname, ec);
+    if (ec) library = info.dli_fname;
+    return (library.parent_path() / RX_LIB_TO_DATA).lexically_normal().string();
+  }();
+  return dir;
 }
 
 }  // namespace
@@ -45,7 +63,7 @@ std::vector<std::string> dataDirectories() {
       start = colon + 1;
     }
   }
-  dirs.push_back(std::string(RX_INSTALL_PREFIX) + "/share/rx");
+  if (!installedDataDirectory().empty()) dirs.push_back(installedDataDirectory());
   return dirs;
 }
 

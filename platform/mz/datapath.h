@@ -1,7 +1,8 @@
 // Data-path lookup: finds a data file by domain and name in an ordered list of
 // data directories: first those added at run time with addDataDirectory (the
 // broker's --data-path, latest first), then those of RX_DATA_PATH (separated by
-// ':'), then the install prefix's share/rx.
+// ':'), then the data folder of the installed tree (share/rx beside the
+// library's lib folder, found from where the library is).
 // A file DOMAIN/NAME is looked for in each directory in turn.
 // Thread-safe.
 #pragma once

@@ -457,7 +457,7 @@ void Peer::close(const std::string& reason) {
     for (const auto& named : serviceNames_) lanes.push_back(named.first);
     for (std::uint64_t lane : lanes) retireLane(lane);
   }
-  RX_INFO(peerLog(), peerName() << " disconnected: " << reason);
+  RX_DEBUG(peerLog(), peerName() << " disconnected: " << reason);
   for (auto& c : connections) c->close();
   for (auto& p : pending) p.second.setError(peerName() + " has gone away");
   closeObjects();

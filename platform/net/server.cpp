@@ -402,7 +402,7 @@ std::shared_ptr<Peer> Server::Impl::peerFor(const std::string& sessionId, const 
     settings.queueCapacity = broker->options().queueCapacity;
     peer =
         std::make_shared<Peer>(broker->session(), settings, sessionId, clientName);
-    RX_INFO(serverLog(), peer->peerName() << " connected");
+    RX_DEBUG(serverLog(), peer->peerName() << " connected");
   }
   return peer;
 }

@@ -74,7 +74,8 @@ class Registry {
   Registry() {
     auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
     logger_ = std::make_shared<spdlog::logger>("rx", std::move(sink));
-    logger_->set_pattern("%v");  // the line is formatted by us, see write()
+    // A local date and time to the millisecond, then the line as emit() formats it.
+    logger_->set_pattern("%Y-%m-%d %H:%M:%S.%e %v");
     logger_->set_level(spdlog::level::trace);
     logger_->flush_on(spdlog::level::trace);
     observers_ = std::make_shared<const ObserverList>();

@@ -3,7 +3,9 @@
 // code (RX::log::setLevel) or from the RX_LOG environment variable read at the
 // first use of the log:  RX_LOG="rxmemory=verbose,RXMemory=5,*=warning".
 // The macros build no text at all when the level is off for the category.
-// Output goes to spdlog (standard error). All functions are thread-safe.
+// Output goes to spdlog (standard error), one line per message:
+//   2025-03-01 14:02:03.517 [rx] [info] [net.server] broker rxbroker listening on ...
+// All functions are thread-safe.
 #pragma once
 
 #include <atomic>

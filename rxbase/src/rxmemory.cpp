@@ -995,6 +995,14 @@ void RXMemory::loadSignalEventMapFromFile() {
   std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "r"));
   if (!file) {
     RX_WARNING(moduleLog, "Can't not open file rxmemory_map_signal_event.txt");
+    // The warning's text is fixed; this line tells an operator what it means.
+    if (moduleLog.enabled(RX::log::Info)) {
+      std::string searched;
+      for (const std::string& dir : mz::path::dataDirectories())
+        searched += (searched.empty() ? "" : ", ") + dir + "/tavro";
+      RX_INFO(moduleLog, "looked for rxmemory_map_signal_event.txt in " << searched
+                             << "; the file is optional: without it no service signal is mapped to an event");
+    }
     return;
   }
   // A line longer than the buffer arrives in pieces, each parsed on its own.

@@ -161,10 +161,11 @@ TEST(MismatchedCallback, ClientSubscriberKeepsItsSubscriptionAndIsWarnedOnce) {
   for (const std::string& line : *lines)
     if (line.find("post to Follower.onEvent") != std::string::npos) warnings.push_back(line);
   ASSERT_FALSE(warnings.empty()) << "no warning for the dropped posts";
+  // The line after its timestamp.
   EXPECT_EQ(
       "[rx] [warning] [net.object] post to Follower.onEvent dropped: "
       "no method onEvent accepting (string, int, string)",
-      warnings[0]);
+      warnings[0].substr(std::min(warnings[0].size(), warnings[0].find("[rx] "))));
   // One line a second at most (the raises may take longer on a loaded machine).
   EXPECT_LE(warnings.size(),
             1 + static_cast<std::size_t>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count()));

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -262,7 +263,11 @@ TEST(LogTest, ReadsRxLogFromTheEnvironmentAtFirstUse) {
   EXPECT_EQ(std::string::npos, good.find("SKIPPED")) << good;
   const std::size_t line = good.find("[rx] [error] [envtest.a] hello child 42\n");
   ASSERT_NE(std::string::npos, line) << good;
-  EXPECT_TRUE(line == 0 || good[line - 1] == '\n') << "the log line must start a line:\n" << good;
+  // Every line starts with the date and time: "2025-03-01 14:02:03.517 [rx] ...".
+  const std::size_t start = good.rfind('\n', line) == std::string::npos ? 0 : good.rfind('\n', line) + 1;
+  EXPECT_TRUE(std::regex_match(good.substr(start, line - start),
+                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )")))
+      << "the log line must start with its timestamp:\n" << good;
   EXPECT_EQ(std::string::npos, good.find("not shown")) << good;
   // A line feed in logged text (a client's name, say) cannot start a line of its own.
   EXPECT_NE(std::string::npos, good.find("[envtest.a] client evil\\n[rx] [error] [rx] forged\n")) << good;

@@ -1,0 +1,193 @@
+#!/usr/bin/env bash
+# The product as a user gets it: installed into a fresh prefix, the examples
+# and the README's program built against that prefix (find_package and
+# pkg-config), the installed broker started from there with an example module
+# found by name, each example run against it, and the Debian package's
+# contents checked. Nothing installed may name the build tree.
+#
+#   install_test.sh BUILD_DIR SOURCE_DIR
+# Exit 0 passed, 1 failed (with the reason), 77 skipped (a tool is missing).
+set -uo pipefail
+
+build=$(cd "$1" && pwd -P)
+src=$(cd "$2" && pwd -P)
+
+skip() { echo "SKIPPED: $*"; exit 77; }
+fail() { echo "FAILED: $*"; exit 1; }
+
+for tool in cmake cpack pkg-config readelf strings dpkg-deb dpkg-shlibdeps dpkg c++ mkfifo; do
+  command -v "$tool" >/dev/null || skip "$tool is not installed (scripts/install-deps installs it)"
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/rx-install-test.XXXXXX") || fail "mktemp"
+work=$(cd "$work" && pwd -P)
+case "$work/" in "$build"/* | "$src"/*) fail "the temporary folder $work lies in the tree it must not name" ;; esac
+brokers=()
+cleanup() {
+  for pid in "${brokers[@]}"; do kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# Runs a command quietly; on failure shows its output and fails the test.
+run() {
+  "$@" >"$work/step.log" 2>&1 || { cat "$work/step.log"; fail "$*"; }
+}
+# expect NAME EXPECTED ACTUAL
+expect() {
+  [[ "$2" == "$3" ]] || fail "$1: expected
+$2
+got
+$3"
+}
+
+# No file names the build or source tree; every ELF file's RUNPATH is
+# relative to its own location.
+check_tree() {
+  local root=$1 f runpath
+  while IFS= read -r -d '' f; do
+    if strings -a "$f" | grep -qF -e "$build" -e "$src"; then
+      fail "$f names the build tree: $(strings -a "$f" | grep -F -e "$build" -e "$src" | head -3)"
+    fi
+    readelf -h "$f" >/dev/null 2>&1 || continue
+    runpath=$(readelf -d "$f" | sed -n 's/.*(R\(UN\)\?PATH).*\[\(.*\)\]/\2/p')
+    local IFS=:
+    for entry in $runpath; do
+      [[ $entry == '$ORIGIN'* ]] || fail "$f has a RUNPATH entry not relative to \$ORIGIN: $runpath"
+    done
+  done < <(find "$root" -type f -print0)
+}
+
+# ---- Install ----
+prefix=$work/prefix
+run cmake --install "$build" --prefix "$prefix"
+check_tree "$prefix"
+pcfile=$(find "$prefix" -name rxmemory.pc)
+[[ -n $pcfile ]] || fail "no rxmemory.pc installed"
+export PKG_CONFIG_PATH=$(dirname "$pcfile")
+version=$(pkg-config --modversion rxmemory) || fail "pkg-config cannot read $pcfile"
+[[ $version =~ ^[0-9]+\.[0-9]+\.[0-9]+$ ]] || fail "rxmemory.pc gives version '$version'"
+for program in rxbroker rxmemory; do
+  line=$("$prefix/bin/$program" --version) || fail "$program --version failed"
+  [[ $line =~ ^$program\ ${version//./\\.}\ \(git\ revision\ ([0-9a-f]{7,}|unknown)\)$ ]] ||
+    fail "$program --version printed '$line', expected version $version and a git revision"
+done
+
+# Every installed header compiles with only the installed headers on the path.
+headers=$(cd "$prefix/include/rxmemory" && find . -name '*.h' | sed 's|^\./|#include "|; s|$|"|')
+printf '%s\n' "$headers" >"$work/all_headers.cpp"
+run c++ -std=c++17 -fsyntax-only $(pkg-config --cflags rxmemory) "$work/all_headers.cpp"
+
+# ---- Examples and the README's program against the installed prefix ----
+run cmake -S "$src/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release
+expect "RXMemory found by the examples" "RXMemory_DIR:PATH=$(dirname "$(find "$prefix" -name RXMemoryConfig.cmake)")" \
+  "$(grep '^RXMemory_DIR:' "$work/examples/CMakeCache.txt")"
+run cmake --build "$work/examples" -j2
+run cmake --install "$work/examples"  # the module into the installed module folder
+
+awk '/^```cpp$/ {keep = 1; next} /^```$/ {keep = 0} keep' "$src/README.md" >"$work/readme.cpp"
+[[ -s $work/readme.cpp ]] || fail "README.md has no C++ program"
+pc_build() {  # pc_build OUTPUT SOURCE
+  run c++ -std=c++17 -o "$1" "$2" $(pkg-config --cflags --libs rxmemory) \
+    -Wl,-rpath,"$(pkg-config --variable=libdir rxmemory)"
+}
+pc_build "$work/readme" "$work/readme.cpp"
+pc_build "$work/pc_client" "$src/examples/client/client.cpp"
+
+# ---- The installed broker ----
+# start_broker NAME ARGS...: starts it and waits (bounded) for its ready line.
+start_broker() {
+  local name=$1 line
+  shift
+  mkfifo "$work/$name.fifo"
+  "$prefix/bin/rxbroker" --no-http "$@" >"$work/$name.fifo" 2>"$work/$name.err" &
+  brokers+=($!)
+  exec {fd}<"$work/$name.fifo"
+  : >"$work/$name.out"
+  while IFS= read -r -t 20 -u "$fd" line; do
+    echo "$line" >>"$work/$name.out"
+    [[ $line == *"press Ctrl-C"* ]] && return 0
+  done
+  cat "$work/$name.out" "$work/$name.err"
+  fail "rxbroker $* did not say it was ready within 20 s"
+}
+stop_broker() {  # stop_broker: the last one started
+  local pid=${brokers[-1]}
+  kill -INT "$pid"
+  wait "$pid" || fail "rxbroker exited with status $? on SIGINT"
+  unset 'brokers[-1]'
+}
+
+endpoint=unix://$work/broker.sock
+start_broker main --listen "$endpoint" --module counter
+expect "modules loaded by name" "rxbroker: modules: RXMemory Counter" "$(grep 'modules:' "$work/main.out")"
+
+expected_client="stored Example/Battery = 87
+followed Example/Battery = 86
+followed Example/Battery = 85"
+expect "client example (find_package)" "$expected_client" "$("$work/examples/client/rxmemory_example_client" "$endpoint" 2>"$work/c1.err")"
+expect "client example (pkg-config)" "$expected_client" "$("$work/pc_client" "$endpoint" 2>"$work/c2.err")"
+expect "README program" "Robot/Battery = 87" "$("$work/readme" "$endpoint" 2>"$work/c3.err")"
+expect "event callback example" 'called back: Example/Bumped = 1 ("")
+called back: Example/Bumped = 2 ("")
+called back: Example/Bumped = 3 ("")
+called back: Example/Bumped = 4 ("")' \
+  "$("$work/examples/event_callback/rxmemory_example_event_callback" "$endpoint" 4 2>"$work/c4.err")"
+rxmemory() { "$prefix/bin/rxmemory" --url "$endpoint" "$@" 2>&1; }
+expect "broker module, first call" 1 "$(rxmemory --module Counter call increment '"Robot/Steps"')"
+expect "broker module, second call" 2 "$(rxmemory --module Counter call increment '"Robot/Steps"')"
+expect "the key it counts in" 2 "$(rxmemory get Robot/Steps)"
+stop_broker
+
+# What the broker logged: every line stamped; the optional map file looked
+# for in the installed data folder; clients that came and went normally
+# leave no warning and no info line.
+while IFS= read -r line; do
+  [[ $line =~ ^[0-9]{4}-[0-9]{2}-[0-9]{2}\ [0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\ \[rx\]\  ]] ||
+    fail "log line without its timestamp: $line"
+done <"$work/main.err"
+grep -qF "looked for rxmemory_map_signal_event.txt in $prefix/share/rx/tavro; the file is optional" "$work/main.err" ||
+  fail "no line saying where the map file was looked for: $(cat "$work/main.err")"
+expect "warnings of the broker" "[rx] [warning] [rxmemory] Can't not open file rxmemory_map_signal_event.txt" \
+  "$(grep -o '\[rx\] \[warning\].*' "$work/main.err")"
+! grep -E '\[info\] \[net\.(server|peer)\] .*(connected|disconnected)' "$work/main.err" ||
+  fail "client connections logged at info level"
+
+# A module given by path; an unknown name says where it was looked for.
+start_broker bypath --listen "unix://$work/bypath.sock" --module "$work/examples/broker_module/libcounter.so"
+expect "module loaded by path" "rxbroker: modules: RXMemory Counter" "$(grep 'modules:' "$work/bypath.out")"
+stop_broker
+moduledir=$(dirname "$(find "$prefix" -name librxmemory.so)")
+expect "unknown module" "rxbroker: cannot load nosuch: cannot open shared object file: No such file or directory \
+(looked for libnosuch.so and nosuch in $moduledir, $prefix/bin)" \
+  "$("$prefix/bin/rxbroker" --no-http --listen "unix://$work/none.sock" --module nosuch 2>&1 >/dev/null |
+    grep '^rxbroker:')"
+
+# ---- The Debian package ----
+run cpack --config "$build/CPackConfig.cmake" -B "$work/package"
+deb=$work/package/rxmemory_${version}_$(dpkg --print-architecture).deb
+[[ -f $deb ]] || fail "cpack made no $(basename "$deb"): $(ls "$work/package")"
+files=$(dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '/$')
+outside=$(grep -v '^\./usr/' <<<"$files")
+[[ -z $outside ]] || fail "the package installs outside /usr: $outside"
+for wanted in '/usr/bin/rxbroker' '/usr/bin/rxmemory' '/usr/lib/(.*/)?librxplatform\.so\.[0-9.]+' \
+  '/usr/lib/(.*/)?rxmemory/modules/librxmemory\.so' '/usr/include/rxmemory/net/clientsession\.h' \
+  '/usr/include/rxmemory/rx/rxversion\.h' '/usr/lib/(.*/)?cmake/RXMemory/RXMemoryConfigVersion\.cmake' \
+  '/usr/lib/(.*/)?pkgconfig/rxmemory\.pc' '/usr/lib/systemd/system/rxbroker\.service' \
+  '/usr/share/rx/tavro/rxmemory_map_signal_event\.txt\.example'; do
+  grep -qE "^\.$wanted\$" <<<"$files" || fail "the package has no $wanted:
+$files"
+done
+depends=$(dpkg-deb -f "$deb" Depends)
+for library in libboost-thread1.81.0 libc6 libstdc++6 libspdlog; do
+  [[ $depends == *"$library"* ]] || fail "the package does not depend on $library: $depends"
+done
+run dpkg-deb -x "$deb" "$work/unpacked"
+check_tree "$work/unpacked"
+unit=$work/unpacked/usr/lib/systemd/system/rxbroker.service
+for setting in 'ExecStart=/usr/bin/rxbroker --data-path /etc/rxmemory' DynamicUser=yes NoNewPrivileges=yes \
+  ProtectSystem=strict Restart=on-failure; do
+  grep -qxF "$setting" "$unit" || fail "rxbroker.service lacks $setting"
+done
+
+echo "install test: the installed prefix, the examples and the package are as they should be"
