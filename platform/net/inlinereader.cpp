@@ -59,6 +59,10 @@ void InlineReader::stop() {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
     workers.swap(workers_);
+  }
+  {
+    std::lock_guard<std::mutex> lock(lanesMutex_);
+    lanesStopped_ = true;
     for (auto& lane : lanes_) lanes[lane.first].waiting.swap(lane.second.waiting);
   }
   wake_.notify_all();
@@ -161,8 +165,8 @@ bool InlineReader::standBy() {
 void InlineReader::deliver(std::uint64_t lane, Task task) {
   Task dropped;  // destroyed outside the lock
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) return;
+    std::lock_guard<std::mutex> lock(lanesMutex_);
+    if (lanesStopped_) return;
     Lane& l = lanes_[lane];
     l.forgotten = false;
     if (l.busy) {
@@ -201,7 +205,7 @@ void InlineReader::runLane(std::uint64_t lane, Task task) {
   for (;;) {
     Task next;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      std::lock_guard<std::mutex> lock(lanesMutex_);
       auto l = lanes_.find(lane);
       if (l == lanes_.end()) return;
       if (l->second.waiting.empty()) {
@@ -245,7 +249,7 @@ bool InlineReader::handOver(std::uint64_t state, bool /*promptly*/) {
 }
 
 void InlineReader::forgetLane(std::uint64_t lane) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(lanesMutex_);
   drops_.erase(lane);
   auto l = lanes_.find(lane);
   if (l == lanes_.end()) return;
@@ -257,7 +261,7 @@ void InlineReader::forgetLane(std::uint64_t lane) {
 }
 
 std::uint64_t InlineReader::dropped(std::uint64_t lane) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(lanesMutex_);
   auto d = drops_.find(lane);
   return d == drops_.end() ? 0 : d->second;
 }

@@ -109,6 +109,11 @@ class InlineReader {
   bool hasStandby_ = false;
   bool promote_ = false;     // the standby is to become the reader now
   std::vector<std::shared_ptr<Worker>> workers_;
+
+  // Guarded by lanesMutex_ (apart from the roles, so that the standby's
+  // watch never holds up the reader).
+  mutable std::mutex lanesMutex_;
+  bool lanesStopped_ = false;
   std::unordered_map<std::uint64_t, Lane> lanes_;
   std::unordered_map<std::uint64_t, std::uint64_t> drops_;
 };
