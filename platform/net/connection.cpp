@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "mz/object.h"
+#include "net/outbox.h"
 #include "net/writeflusher.h"
 #include "rx/rxlog.h"
 
@@ -107,6 +108,7 @@ Connection::Connection(int fd, std::string description, const Limits& limits)
       limits_(limits),
       lastReceiveNs_(nowNs()),
       id_(nextConnectionId.fetch_add(1, std::memory_order_relaxed)),
+      outbox_(std::make_unique<Outbox>()),
       decoder_(limits, [this](std::uint64_t id) -> mz::AnyObject {
         if (!objectDecoder_)
           throw DecodeError("object reference " + std::to_string(id) + " not expected here");
@@ -198,13 +200,13 @@ std::size_t Connection::sendFrames(std::string_view frames, std::uint64_t lane, 
     // Straight to the socket when nothing waits before these bytes; behind
     // the waiting frames otherwise, so that frames never interleave.
     std::size_t taken = 0;
-    if (outbox_.empty()) {
+    if (outbox_->empty()) {
       taken = writeSome(frames.data(), frames.size());
       if (taken == frames.size()) return 0;
     }
     // A frame cut short has started: it waits uncapped, as it cannot be dropped.
     const std::size_t dropped =
-        outbox_.push(frames.substr(taken), taken > 0 ? Outbox::kUncapped : lane, capacity);
+        outbox_->push(frames.substr(taken), taken > 0 ? Outbox::kUncapped : lane, capacity);
     const std::string reason = overLimit(std::chrono::steady_clock::now());
     if (reason.empty()) {
       if (!armed_) armed_ = arm();
@@ -243,17 +245,17 @@ std::size_t Connection::writeSome(const char* data, std::size_t size) {
 
 void Connection::writeOutbox() {
   iovec iov[kBatchFrames];
-  while (!outbox_.empty()) {
+  while (!outbox_->empty()) {
     msghdr msg{};
     msg.msg_iov = iov;
-    msg.msg_iovlen = static_cast<std::size_t>(outbox_.gather(iov, kBatchFrames));
+    msg.msg_iovlen = static_cast<std::size_t>(outbox_->gather(iov, kBatchFrames));
     if (msg.msg_iovlen == 0) {
-      outbox_.consume(0);  // only dropped frames were left
+      outbox_->consume(0);  // only dropped frames were left
       continue;
     }
     const ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n >= 0) {
-      outbox_.consume(static_cast<std::size_t>(n));
+      outbox_->consume(static_cast<std::size_t>(n));
       continue;
     }
     if (errno == EINTR) continue;
@@ -270,16 +272,16 @@ void Connection::flush() noexcept {
     std::lock_guard<std::mutex> lock(writeMutex_);
     armed_ = false;
     if (isClosed()) {
-      outbox_.clear();
+      outbox_->clear();
       return;
     }
     try {
       writeOutbox();
     } catch (const std::exception&) {
-      outbox_.clear();
+      outbox_->clear();
       return;  // the connection is closed; its reader reports the end
     }
-    if (outbox_.empty()) {
+    if (outbox_->empty()) {
       overSoftSince_.reset();
       return;
     }
@@ -297,7 +299,7 @@ void Connection::checkOutput(std::chrono::steady_clock::time_point now) {
   CutOff cutOffText;
   {
     std::lock_guard<std::mutex> lock(writeMutex_);
-    if (!buffered_ || isClosed() || outbox_.empty()) return;
+    if (!buffered_ || isClosed() || outbox_->empty()) return;
     const std::string reason = overLimit(now);
     if (reason.empty()) return;
     cutOffText = cutOff(reason);
@@ -307,11 +309,11 @@ void Connection::checkOutput(std::chrono::steady_clock::time_point now) {
 
 std::size_t Connection::outputBuffered() const {
   std::lock_guard<std::mutex> lock(writeMutex_);
-  return outbox_.unsent();
+  return outbox_->unsent();
 }
 
 std::string Connection::overLimit(std::chrono::steady_clock::time_point now) {
-  const std::size_t kept = outbox_.footprint();
+  const std::size_t kept = outbox_->footprint();
   if (kept > outputLimits_.hardBytes)
     return "output buffer of " + std::to_string(kept) + " bytes over its hard limit maxOutputBytes " +
            std::to_string(outputLimits_.hardBytes);
@@ -326,10 +328,10 @@ std::string Connection::overLimit(std::chrono::steady_clock::time_point now) {
 }
 
 Connection::CutOff Connection::cutOff(const std::string& reason) {
-  const std::size_t lost = outbox_.unsent();
+  const std::size_t lost = outbox_->unsent();
   // Only the hard limit cuts a connection off while it keeps more than it.
-  const bool hard = outbox_.footprint() > outputLimits_.hardBytes;
-  outbox_.clear();
+  const bool hard = outbox_->footprint() > outputLimits_.hardBytes;
+  outbox_->clear();
   overSoftSince_.reset();
   close();
   return CutOff{reason + " (" + std::to_string(lost) + " bytes not delivered)", hard};

@@ -27,7 +27,6 @@
 #include <string_view>
 
 #include "net/endpoint.h"
-#include "net/outbox.h"
 #include "net/wirecodec.h"
 
 namespace net {
@@ -41,6 +40,7 @@ class RemoteError : public std::runtime_error {
 };
 
 class WriteFlusher;
+class Outbox;
 
 // What a connection in buffered mode may keep of the bytes written to it that
 // the other side has not read yet.
@@ -182,7 +182,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   OutputLimits outputLimits_;
   std::weak_ptr<WriteFlusher> flusher_;  // owned by the server, which outlives its writes
   std::function<void(bool, const std::string&)> onCutOff_;
-  Outbox outbox_;            // frames waiting for the socket
+  const std::unique_ptr<Outbox> outbox_;  // frames waiting for the socket
   bool armed_ = false;       // the flusher will call flush()
   std::optional<std::chrono::steady_clock::time_point> overSoftSince_;
   // Used by the reading thread only.

@@ -4,6 +4,7 @@
 
 #include "mz/session.h"
 #include "net/metacodec.h"
+#include "net/outbox.h"
 #include "net/remoteobject.h"
 #include "rx/rxexecutor.h"
 #include "rx/rxlog.h"
