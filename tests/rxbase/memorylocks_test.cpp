@@ -44,24 +44,6 @@ TEST(CompactRecursiveMutexTest, HolderMayReenterOthersWaitForTheLastLevel) {
   m.unlock();
 }
 
-TEST(CompactRecursiveMutexTest, BlockedLockerGetsItWhenReleased) {
-  CompactRecursiveMutex m;
-  std::atomic<bool> acquired{false};
-  m.lock();
-  std::future<void> waiter = std::async(std::launch::async, [&] {
-    m.lock();
-    acquired = true;
-    m.unlock();
-  });
-  // Gives the waiter time to fall asleep on the mutex, so that the release has
-  // to wake it; the checks hold however far it got.
-  EXPECT_EQ(std::future_status::timeout, waiter.wait_for(std::chrono::milliseconds(50)));
-  EXPECT_FALSE(acquired);
-  m.unlock();
-  ASSERT_EQ(std::future_status::ready, waiter.wait_for(kBound)) << "the waiter was never woken";
-  EXPECT_TRUE(acquired);
-}
-
 // Threads enter recursively and do a read-modify-write of plain counters that
 // another holder would tear; holders that yield the processor make the others
 // find the mutex held long enough to give up spinning and sleep.

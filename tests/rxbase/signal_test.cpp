@@ -131,26 +131,22 @@ TEST_F(SignalTest, SignalObjectOfAKeyUsedBeforeDeliversEveryRaiseOnce) {
 TEST_F(SignalTest, FirstRequestsRacingWithRaisesShareOneObject) {
   constexpr int kKeys = 200;
   constexpr int kRequesters = 3;
-  std::vector<std::vector<boost::shared_ptr<RXMemorySubscriber>>> seen(kRequesters);
+  std::vector<std::vector<boost::shared_ptr<RXMemorySubscriber>>> seen(kRequesters + 1);
   std::atomic<int> arrived[kKeys] = {};
-  auto meet = [&](int i, int parties) {
-    arrived[i].fetch_add(1);
-    while (arrived[i].load() < parties) std::this_thread::yield();
-  };
   std::vector<std::future<void>> jobs;
-  for (int t = 0; t < kRequesters; ++t)
+  // The last job raises; all meet at every key before touching it.
+  for (int t = 0; t <= kRequesters; ++t)
     jobs.push_back(std::async(std::launch::async, [&, t] {
       for (int i = 0; i < kKeys; ++i) {
-        meet(i, kRequesters + 1);
-        seen[t].push_back(memory->subscriber("race/" + std::to_string(i)));
+        arrived[i].fetch_add(1);
+        while (arrived[i].load() <= kRequesters) std::this_thread::yield();
+        const std::string key = "race/" + std::to_string(i);
+        if (t < kRequesters)
+          seen[t].push_back(memory->subscriber(key));
+        else
+          memory->raiseMicroEvent(key, RXValue(i));
       }
     }));
-  jobs.push_back(std::async(std::launch::async, [&] {
-    for (int i = 0; i < kKeys; ++i) {
-      meet(i, kRequesters + 1);
-      memory->raiseMicroEvent("race/" + std::to_string(i), RXValue(i));
-    }
-  }));
   for (auto& job : jobs) ASSERT_EQ(std::future_status::ready, job.wait_for(std::chrono::seconds(30)));
   for (int i = 0; i < kKeys; ++i) {
     const std::string key = "race/" + std::to_string(i);
