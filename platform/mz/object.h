@@ -200,10 +200,10 @@ class DynamicObject : public GenericObject {
  protected:
   // Hook for subclasses: the object's name in error messages.
   virtual std::string objectName() const { return "object"; }
-
- private:
   // The overload of `method` for these arguments, or MethodNotFoundError.
   unsigned int resolveOrThrow(const std::string& method, const GenericFunctionParameters& params) const;
+
+ private:
   void rebuildOverloads();
 
   // Set while the object is built, read-only once it is shared.

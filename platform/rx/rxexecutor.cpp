@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <shared_mutex>
 #include <utility>
 #include <vector>
@@ -206,13 +205,70 @@ void RXExecutor::shutdown() {
 
 // ---- SerialQueue ----
 
+namespace {
+
+// A queue's pending tasks, oldest first, in a ring that is reused: pushing
+// and popping allocate nothing once it has grown to a queue's usual backlog.
+// A ring grown beyond kKeptSlots by a burst is given back when it empties.
+// Not thread-safe: guarded by its queue's mutex.
+class TaskRing {
+ public:
+  static constexpr std::size_t kFirstSlots = 16;
+  static constexpr std::size_t kKeptSlots = 1024;
+
+  bool empty() const { return count_ == 0; }
+  std::size_t size() const { return count_; }
+  void push(QueuedTask task) {
+    if (count_ == slots_.size()) grow();
+    slots_[(head_ + count_) % slots_.size()] = std::move(task);
+    ++count_;
+  }
+  QueuedTask pop() {
+    QueuedTask task = std::move(slots_[head_]);
+    head_ = (head_ + 1) % slots_.size();
+    --count_;
+    return task;
+  }
+  // When the ring is empty and oversized, hands its storage to the caller,
+  // who frees it outside the lock.
+  std::vector<QueuedTask> releaseIfOversized() {
+    std::vector<QueuedTask> released;
+    if (count_ == 0 && slots_.size() > kKeptSlots) {
+      released.swap(slots_);
+      head_ = 0;
+    }
+    return released;
+  }
+  // Moves every pending task out, oldest first.
+  std::vector<QueuedTask> takeAll() {
+    std::vector<QueuedTask> all;
+    all.reserve(count_);
+    while (count_ != 0) all.push_back(pop());
+    return all;
+  }
+
+ private:
+  void grow() {
+    std::vector<QueuedTask> bigger(std::max(kFirstSlots, slots_.size() * 2));
+    for (std::size_t i = 0; i < count_; ++i) bigger[i] = std::move(slots_[(head_ + i) % slots_.size()]);
+    slots_.swap(bigger);
+    head_ = 0;
+  }
+
+  std::vector<QueuedTask> slots_;
+  std::size_t head_ = 0;
+  std::size_t count_ = 0;
+};
+
+}  // namespace
+
 struct SerialQueue::State {
   // Valid whenever a drain job runs: the pool outlives its own jobs.
   RXExecutor::Impl* pool = nullptr;
 
   // Guarded by mutex.
   mutable SpinThenBlockMutex mutex;
-  std::deque<std::function<void()>> tasks;
+  TaskRing tasks;
   bool scheduled = false;  // a drain job is in the pool or running
   bool closed = false;
   std::chrono::steady_clock::time_point lastDropLog{};
@@ -230,12 +286,12 @@ SerialQueue::SerialQueue(std::weak_ptr<RXExecutor> executor, std::string label, 
   if (auto e = executor_.lock()) state_->pool = e->impl_.get();
 }
 
-void SerialQueue::post(std::function<void()> task) {
+void SerialQueue::post(QueuedTask task) {
   std::shared_ptr<RXExecutor> executor = executor_.lock();
   if (!executor) throw ExecutorStoppedError("executor stopped: queue " + label_ + " refuses the call");
   RXExecutor::Impl& impl = *executor->impl_;
 
-  std::function<void()> droppedTask;  // destroyed outside every lock
+  QueuedTask droppedTask;  // destroyed outside every lock
   bool logDrop = false;
   {
     std::shared_lock<std::shared_mutex> gate(impl.gate);
@@ -248,8 +304,7 @@ void SerialQueue::post(std::function<void()> task) {
       if (state_->tasks.size() >= capacity_.load()) {
         // Only the newest call is sure to be worth running for a slow target
         // (notifications carry the latest value), so the oldest one goes.
-        droppedTask = std::move(state_->tasks.front());
-        state_->tasks.pop_front();
+        droppedTask = state_->tasks.pop();
         state_->queued.store(state_->tasks.size(), std::memory_order_release);
         dropped_.fetch_add(1);
         droppedOne = true;
@@ -260,7 +315,7 @@ void SerialQueue::post(std::function<void()> task) {
           logDrop = true;
         }
       }
-      state_->tasks.push_back(std::move(task));
+      state_->tasks.push(std::move(task));
       state_->queued.store(state_->tasks.size(), std::memory_order_release);
       impl.added(1);
       // The dropped task leaves the count only now, so that drain() never
@@ -322,11 +377,13 @@ void SerialQueue::runSome() {
   RunningOn running(&pool);
   std::size_t ran = 0;
   while (ran < kDrainBatch) {
-    std::function<void()> task;
+    QueuedTask task;
     {
       std::unique_lock<SpinThenBlockMutex> lock(state_->mutex);
       if (state_->tasks.empty()) {
+        std::vector<QueuedTask> released = state_->tasks.releaseIfOversized();
         lock.unlock();
+        released.clear();
         if (lingerForWork()) continue;
         lock.lock();
         // A post may have come in just as the watch ended.
@@ -335,11 +392,13 @@ void SerialQueue::runSome() {
           return;
         }
       }
-      task = std::move(state_->tasks.front());
-      state_->tasks.pop_front();
+      task = state_->tasks.pop();
       state_->queued.store(state_->tasks.size(), std::memory_order_release);
     }
     runGuarded(task, label_);
+    // Released before the task counts as done: once drain() returns, what the
+    // tasks held is gone too.
+    task.reset();
     executed_.fetch_add(1);
     pool.finished(1);
     ++ran;
@@ -369,11 +428,11 @@ bool SerialQueue::lingerForWork() const {
 }
 
 void SerialQueue::close() {
-  std::deque<std::function<void()>> droppedTasks;  // destroyed outside the lock
+  std::vector<QueuedTask> droppedTasks;  // destroyed outside the lock
   {
     std::lock_guard<SpinThenBlockMutex> lock(state_->mutex);
     state_->closed = true;
-    droppedTasks.swap(state_->tasks);
+    droppedTasks = state_->tasks.takeAll();
     state_->queued.store(0, std::memory_order_release);
   }
   if (droppedTasks.empty()) return;

@@ -10,6 +10,10 @@
 // microseconds before giving its thread back, so that a stream of posts does
 // not pay for waking a pool thread each time.
 //
+// A queue keeps its tasks in a ring that it reuses, each task inline when it
+// is small (a posted call with its arguments is): a steady stream of posts
+// allocates nothing for the queue itself.
+//
 // shutdown() stops accepting tasks, lets every pending task run (drain), and
 // joins the threads. Posting after shutdown throws ExecutorStoppedError.
 // All members are thread-safe.
@@ -17,13 +21,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 namespace RX {
 
@@ -33,6 +40,82 @@ class ExecutorStoppedError : public std::runtime_error {
 };
 
 class SerialQueue;
+
+// A task of a SerialQueue: any callable of no argument, moved in. One of up
+// to kInline bytes that moves without throwing is kept inside the task, a
+// larger one on the heap. Not copyable; an empty task must not be run.
+class QueuedTask {
+ public:
+  static constexpr std::size_t kInline = 56;
+
+  // Leaves the buffer as it is: rings of empty tasks are made in bulk.
+  QueuedTask() noexcept {}  // NOLINT: not "= default", which would zero the buffer
+  template <typename F, typename = std::enable_if_t<!std::is_same_v<std::decay_t<F>, QueuedTask>>>
+  QueuedTask(F&& f) {  // NOLINT: converting, so that posts take lambdas as they are
+    using T = std::decay_t<F>;
+    if constexpr (fitsInline<T>()) {
+      new (buffer_) T(std::forward<F>(f));
+      ops_ = &inlineOps<T>;
+    } else {
+      *reinterpret_cast<T**>(buffer_) = new T(std::forward<F>(f));
+      ops_ = &boxedOps<T>;
+    }
+  }
+  QueuedTask(QueuedTask&& other) noexcept { take(other); }
+  QueuedTask& operator=(QueuedTask&& other) noexcept {
+    if (this != &other) {
+      reset();
+      take(other);
+    }
+    return *this;
+  }
+  QueuedTask(const QueuedTask&) = delete;
+  QueuedTask& operator=(const QueuedTask&) = delete;
+  ~QueuedTask() { reset(); }
+
+  explicit operator bool() const noexcept { return ops_ != nullptr; }
+  void operator()() { ops_->invoke(buffer_); }
+  void reset() noexcept {
+    if (ops_) ops_->destroy(buffer_);
+    ops_ = nullptr;
+  }
+
+ private:
+  struct Ops {
+    void (*invoke)(void* self);
+    // Moves the callable from `from` to the raw storage `to`, and ends `from`.
+    void (*relocate)(void* from, void* to) noexcept;
+    void (*destroy)(void* self) noexcept;
+  };
+  template <typename T>
+  static constexpr bool fitsInline() {
+    return sizeof(T) <= kInline && alignof(T) <= alignof(std::max_align_t) &&
+           std::is_nothrow_move_constructible_v<T>;
+  }
+  template <typename T>
+  static constexpr Ops inlineOps = {
+      [](void* self) { (*static_cast<T*>(self))(); },
+      [](void* from, void* to) noexcept {
+        new (to) T(std::move(*static_cast<T*>(from)));
+        static_cast<T*>(from)->~T();
+      },
+      [](void* self) noexcept { static_cast<T*>(self)->~T(); }};
+  template <typename T>
+  static constexpr Ops boxedOps = {
+      [](void* self) { (**static_cast<T**>(self))(); },
+      [](void* from, void* to) noexcept { *static_cast<T**>(to) = *static_cast<T**>(from); },
+      [](void* self) noexcept { delete *static_cast<T**>(self); }};
+
+  void take(QueuedTask& other) noexcept {
+    if (!other.ops_) return;
+    other.ops_->relocate(other.buffer_, buffer_);
+    ops_ = other.ops_;
+    other.ops_ = nullptr;
+  }
+
+  alignas(std::max_align_t) unsigned char buffer_[kInline];
+  const Ops* ops_ = nullptr;
+};
 
 class RXExecutor : public std::enable_shared_from_this<RXExecutor> {
  public:
@@ -84,7 +167,7 @@ class PostsRunHere {
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   // Throws ExecutorStoppedError after the executor's shutdown or close().
-  void post(std::function<void()> task);
+  void post(QueuedTask task);
   // Runs `task` on the calling thread, now, when the queue has nothing
   // pending or running (it keeps the queue's order: posts that come meanwhile
   // run after it, on the pool). Returns false, running nothing, otherwise or

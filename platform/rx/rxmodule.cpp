@@ -183,9 +183,31 @@ void RXModule::metaPost(const std::string& method, mz::GenericFunctionParameters
         }
       }))
     return;
+  // Resolved now, by the poster: the task then carries a number instead of
+  // the method's name and fits inside the queue's slot (no allocation), and
+  // the drain thread calls the method straight away. A call that resolves to
+  // nothing is queued by name, to fail and be logged in its turn as before.
+  int uid = -1;
+  try {
+    uid = static_cast<int>(resolveOrThrow(method, params));
+  } catch (const mz::MethodNotFoundError&) {
+  }
   try {
     // The task holds only a weak reference: a module destroyed before its
     // turn comes is simply not called.
+    if (uid >= 0) {
+      queue_->post([weak = std::move(weak), uid = static_cast<unsigned int>(uid), params = std::move(params)] {
+        boost::shared_ptr<RXModule> self = weak.lock();
+        if (!self) return;
+        try {
+          self->metaCallById(uid, params);
+        } catch (const std::exception& e) {
+          RX_ERROR(moduleLog(), "posted call " << self->getName() << "." << self->methods()[uid].name
+                                               << " failed: " << e.what());
+        }
+      });
+      return;
+    }
     queue_->post([weak = std::move(weak), method, params = std::move(params)] {
       boost::shared_ptr<RXModule> self = weak.lock();
       if (!self) return;

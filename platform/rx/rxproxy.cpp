@@ -26,14 +26,14 @@ unsigned int RXProxy::resolve(const std::string& method, const mz::GenericFuncti
 }
 
 void RXProxy::pCallNotify(const std::string& method, const std::string& key, const RXValue& value,
-                          const RXValue& message, std::pair<int, int>* notifyState) {
+                          RXValue message, std::pair<int, int>* notifyState) {
   // Built in place and moved along to the queued call: an initializer list
   // would copy each argument once more, strings and all.
   mz::GenericFunctionParameters params;
   params.reserve(3);
   params.emplace_back(key);
   params.emplace_back(value);
-  params.emplace_back(message);
+  params.emplace_back(std::move(message));
   object_.post(method, std::move(params));
   if (notifyState) ++notifyState->first;
 }

@@ -44,8 +44,10 @@ class RXProxy {
   // Posts method(key, value, message) to the target and returns at once.
   // notifyState counts the posts made through it (first) and is otherwise the
   // caller's. Throws a std::exception when the target is gone.
-  void pCallNotify(const std::string& method, const std::string& key, const RXValue& value,
-                   const RXValue& message, std::pair<int, int>* notifyState);
+  // The message is taken by value: a caller that built it for the post moves
+  // it in.
+  void pCallNotify(const std::string& method, const std::string& key, const RXValue& value, RXValue message,
+                   std::pair<int, int>* notifyState);
   void genericPost(const std::string& method, const mz::GenericFunctionParameters& params);
 
  private:

@@ -12,6 +12,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
+#include <boost/thread/recursive_mutex.hpp>
 
 #include "mz/datapath.h"
 #include "mz/os.h"
@@ -42,9 +43,9 @@ const char* const kModuleName = "RXMemory";
 // The module's log category, registered when the library is loaded.
 log::Category& moduleLog = log::category("rxmemory");
 
-using SharedLock = boost::shared_lock<boost::shared_mutex>;
-using UniqueLock = boost::unique_lock<boost::shared_mutex>;
-using CellLock = boost::lock_guard<boost::recursive_mutex>;
+using SharedLock = boost::shared_lock<SharedMutex>;
+using UniqueLock = boost::unique_lock<SharedMutex>;
+using CellLock = boost::lock_guard<CompactRecursiveMutex>;
 
 // Period at which getDataOnChange reads the value again; fixed, callers have
 // always been served at this pace.
@@ -457,7 +458,7 @@ boost::shared_ptr<STMValue> RXMemory::findOrCreateCell(const std::string& name, 
   // Another caller may have created it between the two locks.
   auto it = keyMap.find(name);
   if (it != keyMap.end()) return it->second;
-  cell = boost::make_shared<STMValue>(this, name, RXValue(), type);
+  cell = boost::make_shared<STMValue>(RXValue(), type);
   keyMap.emplace(name, cell);
   return cell;
 }
@@ -472,25 +473,28 @@ void RXMemory::registerEvent(const std::string& name) {
 boost::shared_ptr<STMValue> RXMemory::xInsertData(const std::string& name, const RXValue& value,
                                                   dataType type) {
   boost::shared_ptr<STMValue> cell;
+  storeValue(name, value, type, &cell);
+  return cell;
+}
+
+void RXMemory::storeValue(const std::string& name, const RXValue& value, dataType type,
+                          boost::shared_ptr<STMValue>* keep) {
   bool added = false;
   bool retyped = false;
   {
     UniqueLock lock(keyMapMutex);
     auto it = keyMap.find(name);
     if (it != keyMap.end()) {
-      cell = it->second;
-      dataType oldType;
-      {
-        CellLock cellLock(cell->valueMutex);
-        oldType = cell->type;
-      }
-      cell->setValue(value, type, now());
+      STMValue& cell = *it->second;
+      const dataType oldType = cell.setValue(value, type, now());
       if (oldType != Event && type == Event) registerEvent(name);
       retyped = type != oldType;
+      if (keep) *keep = it->second;
     } else {
-      cell = boost::make_shared<STMValue>(this, name, value, type, now());
-      keyMap.emplace(name, cell);
+      auto cell = boost::make_shared<STMValue>(value, type, now());
       if (type == Event) registerEvent(name);
+      if (keep) *keep = cell;
+      keyMap.emplace(name, std::move(cell));
       added = true;
     }
   }
@@ -501,7 +505,6 @@ boost::shared_ptr<STMValue> RXMemory::xInsertData(const std::string& name, const
     else if (retyped)
       xRaiseEvent(Memory::keyTypeChanged, RXValue(name));
   }
-  return cell;
 }
 
 void RXMemory::insertData(const std::string& key, int value) { insertData(key, RXValue(value)); }
@@ -516,7 +519,8 @@ void RXMemory::insertData(const std::string& key, const RXValue& data) {
   // Over the broker's memory ceiling a write fails here, clearly, rather than
   // the process growing until the system kills it.
   MemoryBudget::check(kModuleName, "insertData");
-  xInsertData(key, data, Data);
+  // The cell is not needed afterwards: no handle is copied out for it.
+  storeValue(key, data, Data, nullptr);
 }
 
 void RXMemory::_insertObject(const std::string& name, const RXValue& buffer, int /*bufferSize*/) {
@@ -932,7 +936,7 @@ boost::shared_ptr<RXMemorySubscriber> RXMemory::subscriber(const std::string& ev
     if (it == keyMap.end()) throw std::runtime_error("event not found");
   }
   if (!it->second) throw std::runtime_error("invalid registered event");
-  return it->second->subscriber();
+  return it->second->subscriber(this, eventName);
 }
 
 void RXMemory::addMapping(const std::string& service, const std::string& signal, const std::string& event) {

@@ -12,12 +12,12 @@
 
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
-#include <boost/thread/shared_mutex.hpp>
 #include <boost/unordered_map.hpp>
 
 #include "mz/anyvalue.h"
 #include "mz/signal.h"
 #include "rx/rxmodule.h"
+#include "memorylocks.h"
 #include "rx/rxvalue.h"
 #include "stmvalue.h"
 
@@ -224,6 +224,8 @@ class RXMemory : public RXModule {
   // The cell of name, created with an invalid value and `type` when absent
   // (double-checked: shared lookup, then exclusive). Raises no event.
   boost::shared_ptr<STMValue> findOrCreateCell(const std::string& name, dataType type);
+  // What xInsertData does; `keep`, when not null, receives the cell.
+  void storeValue(const std::string& name, const RXValue& value, dataType type, boost::shared_ptr<STMValue>* keep);
   // Gives a new event the extractor "Unknown".
   // REQUIRES: keyMapMutex held exclusively.
   void registerEvent(const std::string& name);
@@ -231,11 +233,11 @@ class RXMemory : public RXModule {
   // Guarded by extractorMapMutex: event name -> extractor module name
   // ("Unknown" or empty: none).
   std::map<std::string, std::string> extractorMap;
-  mutable boost::shared_mutex extractorMapMutex;
+  mutable SharedMutex extractorMapMutex;
 
   // Guarded by keyMapMutex (cell descriptions too).
   boost::unordered_map<std::string, boost::shared_ptr<STMValue>> keyMap;
-  mutable boost::shared_mutex keyMapMutex;
+  mutable SharedMutex keyMapMutex;
 
   // Guarded by signalEventMapMutex: service -> signal -> event.
   std::map<std::string, std::map<std::string, std::string>> signalEventMap;

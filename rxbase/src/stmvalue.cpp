@@ -73,21 +73,19 @@ struct STMValue::Extras {
   std::string description;
   // Guarded by historyMutex; empty until the first pushHistory.
   boost::shared_ptr<HistoryRing> historyRing;
+  // The signal object: the handle is guarded by notifierMutex and set once;
+  // `signalObject` publishes the same object to notify, which reads it
+  // without a lock (it must emit holding none).
+  boost::shared_ptr<RXMemorySubscriber> signal;
+  std::atomic<RXMemorySubscriber*> signalObject{nullptr};
 };
 
-STMValue::STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type,
-                   const mz::os::timeval& timestamp)
-    : ptrAccessed(false),
-      type(type),
-      value(value),
-      signal(boost::make_shared<RXMemorySubscriber>(memory, name)),
-      timestamp(timestamp) {}
+STMValue::STMValue(const RXValue& value, dataType type, const mz::os::timeval& timestamp)
+    : ptrAccessed(false), type(type), value(value), timestamp(timestamp) {}
 
-STMValue::STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type)
-    : ptrAccessed(false), type(type), value(value), signal(boost::make_shared<RXMemorySubscriber>(memory, name)) {}
+STMValue::STMValue(const RXValue& value, dataType type) : ptrAccessed(false), type(type), value(value), timestamp() {}
 
-STMValue::STMValue(RXMemory* memory, const std::string& name)
-    : ptrAccessed(false), type(UnknownData), signal(boost::make_shared<RXMemorySubscriber>(memory, name)) {}
+STMValue::STMValue() : ptrAccessed(false), type(UnknownData), timestamp() {}
 
 STMValue::~STMValue() {
   // Nobody else can reach the cell any more: the block is simply reclaimed.
@@ -117,8 +115,18 @@ std::string STMValue::getDescription() const {
   return x ? x->description : std::string();
 }
 
-void STMValue::setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp) {
-  boost::lock_guard<boost::recursive_mutex> lock(valueMutex);
+boost::shared_ptr<RXMemorySubscriber> STMValue::subscriber(RXMemory* memory, const std::string& name) {
+  boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
+  Extras& x = ensureExtras();
+  if (!x.signal) {
+    x.signal = boost::make_shared<RXMemorySubscriber>(memory, name);
+    x.signalObject.store(x.signal.get(), std::memory_order_release);
+  }
+  return x.signal;
+}
+
+dataType STMValue::setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp) {
+  boost::lock_guard<CompactRecursiveMutex> lock(valueMutex);
   if (ptrAccessed && newValue.getType() != value.getType()) {
     // A key created empty by getDataPtr may still receive its first number.
     const bool firstNumber = !value.isValid() && (newValue.isFloat() || newValue.isInt());
@@ -130,17 +138,19 @@ void STMValue::setValue(const RXValue& newValue, dataType newType, const mz::os:
     }
   }
   value = newValue;
+  const dataType oldType = type;
   type = newType;
   timestamp = newTimestamp;
+  return oldType;
 }
 
 RXValue STMValue::getValueTimeStamp() {
-  boost::lock_guard<boost::recursive_mutex> lock(valueMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(valueMutex);
   return valueWithTime(value, timestamp);
 }
 
 void STMValue::pushHistory(const RXValue& newValue) {
-  boost::lock_guard<boost::recursive_mutex> lock(historyMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(historyMutex);
   boost::shared_ptr<HistoryRing>& historyRing = ensureExtras().historyRing;
   // Only raised keys pay for a ring, allocated once for all its entries.
   if (!historyRing) historyRing = boost::make_shared<HistoryRing>(kHistoryCapacity);
@@ -150,7 +160,7 @@ void STMValue::pushHistory(const RXValue& newValue) {
 }
 
 RXValue STMValue::history() {
-  boost::lock_guard<boost::recursive_mutex> lock(historyMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(historyMutex);
   const Extras* x = extrasIfAny();
   if (!x || !x->historyRing) return RXValue();
   const HistoryRing& historyRing = *x->historyRing;
@@ -166,20 +176,20 @@ void STMValue::setBrokerInstance(boost::shared_ptr<RXBroker> broker) { staticBro
 
 void STMValue::setNotifier(const std::string& callbackModule, const RXValue& callbackMessage,
                            const std::string& callbackMethod) {
-  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
   // A fresh record: a re-subscription also forgets the cached proxy.
   ensureExtras().notifiers[callbackModule] = STMNotifier(callbackModule, callbackMessage, callbackMethod);
 }
 
 void STMValue::unsubscribeNotifier(const std::string& moduleName, const std::string& keyName) {
-  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
   Extras* x = extrasIfAny();
   if (!x || x->notifiers.erase(moduleName) == 0)
     RX_THROW(kModuleName, "UnsubscribeToMicroEvent", moduleName + " is not subscribed to " + keyName);
 }
 
 std::vector<std::string> STMValue::getNotifierList() {
-  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
   std::vector<std::string> names;
   const Extras* x = extrasIfAny();
   if (!x) return names;
@@ -189,18 +199,19 @@ std::vector<std::string> STMValue::getNotifierList() {
 }
 
 void STMValue::notify(const std::string& name, const RXValue& newValue) {
-  signal->signal.bounceEvent(newValue);
-
-  // A cell that was never subscribed to has no block, hence no subscribers.
+  // A cell without the block has neither a signal object nor subscribers.
   Extras* x = extrasIfAny();
   if (!x) return;
+  // The cell holds the object for its whole life, and the caller holds the cell.
+  if (RXMemorySubscriber* object = x->signalObject.load(std::memory_order_acquire))
+    object->signal.bounceEvent(newValue);
   std::map<std::string, STMNotifier>& notifiers = x->notifiers;
 
   // Modules not resolved yet are looked up without holding the notifier lock:
   // a broker look-up may be slow, and subscribing must not wait for it.
   std::map<std::string, boost::shared_ptr<RXProxy>> resolvedProxies;
   {
-    boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+    boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
     for (const auto& entry : notifiers)
       if (!entry.second.proxy) resolvedProxies.emplace(entry.second.moduleName, boost::shared_ptr<RXProxy>());
   }
@@ -213,7 +224,7 @@ void STMValue::notify(const std::string& name, const RXValue& newValue) {
         RX_VERBOSE(cellLog(), entry.first << " not found, removing module reference:" << e.what());
       }
     }
-    boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+    boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
     for (const auto& entry : resolvedProxies) {
       auto record = notifiers.find(entry.first);
       // Another pass may have resolved it meanwhile, or the module unsubscribed.
@@ -223,7 +234,7 @@ void STMValue::notify(const std::string& name, const RXValue& newValue) {
 
   // Posting under the lock keeps subscribe/unsubscribe of this key out until
   // every subscriber has been posted to.
-  boost::lock_guard<boost::recursive_mutex> lock(notifierMutex);
+  boost::lock_guard<CompactRecursiveMutex> lock(notifierMutex);
   for (auto it = notifiers.begin(); it != notifiers.end();) {
     STMNotifier& record = it->second;
     if (!record.proxy) {
@@ -232,9 +243,9 @@ void STMValue::notify(const std::string& name, const RXValue& newValue) {
     }
     RX_VERBOSE(cellLog(), "notifying module: " << record.moduleName << " for datachange for key: " << name);
     try {
-      const RXValue message(static_cast<const std::string&>(record.message));
+      RXValue message(static_cast<const std::string&>(record.message));
       const std::string method = record.methodName;
-      record.proxy->pCallNotify(method, name, newValue, message, &record.notifyState);
+      record.proxy->pCallNotify(method, name, newValue, std::move(message), &record.notifyState);
       ++it;
     } catch (const std::exception& e) {
       // The module has gone: this is the only place a subscription is dropped

@@ -2,7 +2,8 @@
 // a ring of its last 50 raised values, description, subscriptions (STMNotifier)
 // and signal object. Shared by handle, so a removed cell lives while held.
 // Thread safety: any member from any thread; each of the three recursive
-// mutexes guards only its own fields.
+// mutexes guards only its own fields. A store holds a cell per key, by the
+// million: what a plain data key never uses is created on first use.
 #pragma once
 
 #include <atomic>
@@ -14,8 +15,8 @@
 
 #include <boost/circular_buffer_fwd.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 
+#include "memorylocks.h"
 #include "mz/os.h"
 #include "rx/rxvalue.h"
 
@@ -69,13 +70,13 @@ class STMValue {
   using HistoryEntry = std::pair<mz::os::timeval, RXValue>;
   using HistoryRing = boost::circular_buffer<HistoryEntry>;
 
-  // Every constructor gives the cell its own signal object for (memory, name).
-  STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type,
-           const mz::os::timeval& timestamp);
+  // A cell knows neither its key nor its memory: both are given to the few
+  // operations that need them, which keeps every key smaller.
+  STMValue(const RXValue& value, dataType type, const mz::os::timeval& timestamp);
   // Leaves the timestamp at zero.
-  STMValue(RXMemory* memory, const std::string& name, const RXValue& value, dataType type);
+  STMValue(const RXValue& value, dataType type);
   // Invalid value, UnknownData, zero timestamp.
-  STMValue(RXMemory* memory, const std::string& name);
+  STMValue();
   ~STMValue();
   STMValue(const STMValue&) = delete;
   STMValue& operator=(const STMValue&) = delete;
@@ -84,7 +85,8 @@ class STMValue {
   // out the value's address, the value's kind is frozen: a write of another
   // kind throws RXError ("setValue") and changes nothing, except the first
   // number written into a still invalid value. Equal values are written anyway.
-  void setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp);
+  // Returns the storage class the key had before.
+  dataType setValue(const RXValue& newValue, dataType newType, const mz::os::timeval& newTimestamp);
   // [value, seconds, microseconds] of the last write.
   [[nodiscard]] RXValue getValueTimeStamp();
 
@@ -95,7 +97,10 @@ class STMValue {
   // of [value, seconds, microseconds].
   [[nodiscard]] RXValue history();
 
-  [[nodiscard]] const boost::shared_ptr<RXMemorySubscriber>& subscriber() const { return signal; }
+  // The key's signal object, the same one for the cell's whole life. The
+  // first call creates it for (memory, name), the key of this cell; until
+  // then nobody can be connected to it, so a raise has nobody to emit to.
+  [[nodiscard]] boost::shared_ptr<RXMemorySubscriber> subscriber(RXMemory* memory, const std::string& name);
 
   // ---- Subscriptions ----
   // Adds or wholly replaces the record of callbackModule (its cached proxy is
@@ -106,8 +111,8 @@ class STMValue {
   void unsubscribeNotifier(const std::string& moduleName, const std::string& keyName);
   // Subscribed module names, in byte-wise ascending order.
   [[nodiscard]] std::vector<std::string> getNotifierList();
-  // Emits value on the key's signal, then posts (name, value, message) to
-  // every subscriber in module-name order without waiting. A subscriber whose
+  // Emits value on the key's signal (when it exists), then posts (name,
+  // value, message) to every subscriber in module-name order without waiting. A subscriber whose
   // post fails is dropped; one that cannot be found yet is retried next time.
   // REQUIRES: the key map's lock is not held.
   void notify(const std::string& name, const RXValue& value);
@@ -127,8 +132,9 @@ class STMValue {
   [[nodiscard]] std::string getDescription() const;
 
   // The fields a plain data key never uses (notifiers, description, history
-  // ring) live in one block created on first use. Each field inside keeps its
-  // own guard; the pointer goes from null to the block once and stays.
+  // ring, signal object) live in one block created on first use. Each field
+  // inside keeps its own guard; the pointer goes from null to the block once
+  // and stays.
   struct Extras;
   [[nodiscard]] Extras* extrasIfAny() const;
   Extras& ensureExtras();
@@ -137,15 +143,12 @@ class STMValue {
   bool ptrAccessed;  // set for good once getDataPtr handed out the value's address
   dataType type;
   RXValue value;
-  // Constant after construction.
-  boost::shared_ptr<RXMemorySubscriber> signal;
-
-  boost::recursive_mutex valueMutex;
-  boost::recursive_mutex historyMutex;
-  boost::recursive_mutex notifierMutex;
-
-  // Guarded by valueMutex.
   mz::os::timeval timestamp;
+
+  CompactRecursiveMutex valueMutex;
+  CompactRecursiveMutex historyMutex;
+  CompactRecursiveMutex notifierMutex;
+
   // Owned; its fields are guarded as described in stmvalue.cpp.
   std::atomic<Extras*> extras{nullptr};
 };

@@ -179,7 +179,7 @@ for wanted in '/usr/bin/rxbroker' '/usr/bin/rxmemory' '/usr/lib/(.*/)?librxplatf
 $files"
 done
 depends=$(dpkg-deb -f "$deb" Depends)
-for library in libboost-thread1.81.0 libc6 libstdc++6 libspdlog; do
+for library in libc6 libstdc++6 libspdlog libcpp-httplib libssl3; do
   [[ $depends == *"$library"* ]] || fail "the package does not depend on $library: $depends"
 done
 run dpkg-deb -x "$deb" "$work/unpacked"

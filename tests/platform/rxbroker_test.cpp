@@ -1,5 +1,6 @@
 // RXBroker, RXBrokerManager, RXProxy posting and the executor under them:
 // lookup by name, ordered posted calls, queue caps, exit and shutdown.
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -309,6 +310,39 @@ TEST(RXExecutor, ClosedQueueDropsPendingTasksAndRefusesNewOnes) {
   executor->shutdown();
   EXPECT_EQ(0, ran.load());
   EXPECT_EQ(0u, queue->dropped()) << "closing is not an overflow";
+}
+
+// Tasks small enough to sit in the queue's ring and large ones kept aside go
+// through the same ring: in order across its growth and wrap-around, the
+// oldest dropped when full, each captured object released exactly once.
+TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
+  auto executor = std::make_shared<RX::RXExecutor>();
+  std::shared_ptr<RX::SerialQueue> queue = executor->makeQueue("Q", 40);
+  auto token = std::make_shared<int>(0);  // every task holds a copy
+  std::vector<int> order;                 // touched only by the queue's tasks
+  std::vector<int> expected;
+  for (int round = 0; round < 3; ++round) {
+    // The queue is held while 50 tasks come in: the 10 oldest go over the cap.
+    auto latch = std::make_shared<Latch>();
+    queue->post([latch] {
+      latch->started.set_value();
+      latch->released.wait_for(kWait);
+    });
+    ASSERT_EQ(std::future_status::ready, latch->started.get_future().wait_for(kWait));
+    for (int i = 0; i < 50; ++i) {
+      const int id = round * 100 + i;
+      if (i % 2)
+        queue->post([token, id, &order] { order.push_back(id); });
+      else
+        queue->post([token, id, &order, padding = std::array<char, 200>()] { order.push_back(id + padding[0]); });
+      if (i >= 10) expected.push_back(id);
+    }
+    latch->release.set_value();
+    ASSERT_TRUE(executor->drain(std::chrono::duration_cast<std::chrono::milliseconds>(kWait)));
+  }
+  EXPECT_EQ(expected, order);
+  EXPECT_EQ(30u, queue->dropped());
+  EXPECT_EQ(1, token.use_count()) << "a task's captures outlived it, or were released twice";
 }
 
 // A drain job that empties its queue watches it for a moment before giving

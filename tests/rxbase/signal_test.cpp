@@ -1,6 +1,11 @@
 // The key signal objects: following a key as a signal, and raising a key by
 // emitting on its signal, directly and through the framework's object handle.
+#include <atomic>
+#include <functional>
+#include <future>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 #include "memory_test_util.h"
 #include "rxmemorysubscriber.h"
@@ -93,6 +98,64 @@ TEST_F(SignalTest, SubscriberIsAnObjectWithItsSignal) {
   object.disconnect(link).waitAndCheck();
   memory->raiseEvent("K", RXValue(10));
   EXPECT_EQ(std::vector<std::string>{}, got.take());
+}
+
+// A key's signal object is made when first asked for; a key that was used in
+// other ways before must behave as if it had had it from birth.
+TEST_F(SignalTest, SignalObjectOfAKeyUsedBeforeDeliversEveryRaiseOnce) {
+  auto r = rxtest::startModule<rxtest::Recorder>(broker, "R");
+  const std::vector<std::pair<std::string, std::function<void(const std::string&)>>> histories = {
+      {"plain data", [&](const std::string& k) { memory->insertData(k, 1); }},
+      {"described", [&](const std::string& k) {
+         memory->insertData(k, 1);
+         memory->setDescription(k, "d");
+       }},
+      {"subscribed", [&](const std::string& k) { memory->subscribeToMicroEvent(k, "R", "", "onEvent"); }},
+      {"raised", [&](const std::string& k) { memory->raiseEvent(k, RXValue(1)); }},
+  };
+  for (const auto& history : histories) {
+    const std::string key = "used/" + history.first;
+    history.second(key);
+    SignalLog got;
+    auto sub = memory->subscriber(key);
+    sub->signal.connect([&](mz::AnyValue v) { got(v); });
+    memory->raiseMicroEvent(key, RXValue(2));
+    EXPECT_EQ((std::vector<std::string>{"2"}), got.take()) << history.first;
+    EXPECT_EQ(sub, memory->subscriber(key)) << history.first;
+  }
+  drain(r);
+}
+
+// First requests of the signal object racing with raises: one object per key,
+// and every raise made after a connection reaches it.
+TEST_F(SignalTest, FirstRequestsRacingWithRaisesShareOneObject) {
+  constexpr int kKeys = 200;
+  constexpr int kRequesters = 3;
+  std::vector<std::vector<boost::shared_ptr<RXMemorySubscriber>>> seen(kRequesters + 1);
+  std::atomic<int> arrived[kKeys] = {};
+  std::vector<std::future<void>> jobs;
+  // The last job raises; all meet at every key before touching it.
+  for (int t = 0; t <= kRequesters; ++t)
+    jobs.push_back(std::async(std::launch::async, [&, t] {
+      for (int i = 0; i < kKeys; ++i) {
+        arrived[i].fetch_add(1);
+        while (arrived[i].load() <= kRequesters) std::this_thread::yield();
+        const std::string key = "race/" + std::to_string(i);
+        if (t < kRequesters)
+          seen[t].push_back(memory->subscriber(key));
+        else
+          memory->raiseMicroEvent(key, RXValue(i));
+      }
+    }));
+  for (auto& job : jobs) ASSERT_EQ(std::future_status::ready, job.wait_for(std::chrono::seconds(30)));
+  for (int i = 0; i < kKeys; ++i) {
+    const std::string key = "race/" + std::to_string(i);
+    for (int t = 0; t < kRequesters; ++t) ASSERT_EQ(seen[0][i], seen[t][i]) << key;
+    SignalLog got;
+    seen[0][i]->signal.connect([&](mz::AnyValue v) { got(v); });
+    memory->raiseMicroEvent(key, RXValue(-i));
+    EXPECT_EQ((std::vector<std::string>{std::to_string(-i)}), got.take()) << key;
+  }
 }
 
 }  // namespace
