@@ -80,6 +80,19 @@ bool expectsReply(const std::optional<std::uint8_t>& kind) {
   }
 }
 
+// The Error a request without a usable requestId gets, or "" when the
+// message may go on. Id 0 is what the broker's errors about the connection
+// itself carry ("stream out of sync"): a reply with it would be taken for one.
+// A Ping may carry 0: its Pong cannot be mistaken for an Error.
+std::string zeroIdRefusal(const Message& m) {
+  if (m.requestId != 0 || !expectsReply(m.kind) ||
+      m.kind == static_cast<std::uint8_t>(MessageKind::Ping))
+    return std::string();
+  return "request of kind " + std::to_string(m.kind) +
+         " refused: requestId 0 is reserved for errors about the connection; requests need a "
+         "non-zero requestId";
+}
+
 [[noreturn]] void cannotListen(const Endpoint& e, const std::string& why) {
   throw std::runtime_error("cannot listen on " + e.toString() + ": " + why);
 }
@@ -444,6 +457,8 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
   std::string why;
   if (message.kind != static_cast<std::uint8_t>(MessageKind::Hello)) {
     why = "the first message must be Hello [sessionId, role, clientName]";
+  } else if (message.requestId == 0) {
+    why = zeroIdRefusal(message);
   } else if (message.fields.size() < 3 || !message.fields[0].isString() || !message.fields[1].isString() ||
              !message.fields[2].isString() || message.fields[0].toStdString().empty()) {
     why =
@@ -488,6 +503,13 @@ void Server::Impl::serve(const std::shared_ptr<Handler>& handler) {
   for (;;) {
     const Connection::ReadStatus status = c.read(message);
     if (status == Connection::ReadStatus::Message) {
+      const std::string refusal = zeroIdRefusal(message);
+      if (!refusal.empty()) {
+        // Not run: its answer could not be told from an error about the connection.
+        count(kMalformed);
+        sendError(c, 0, refusal);
+        continue;
+      }
       handler->busy = true;
       if (isEvent)
         peer->handleEventMessage(c, message);

@@ -1,5 +1,8 @@
 #include "net/wirecodec.h"
 
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -15,6 +18,10 @@ namespace {
 // the connection.
 constexpr std::size_t kIdleBufferBytes = 64 * 1024;
 
+// The rounding midpoint between FLT_MAX and 2^128: a double at or beyond it
+// would narrow to an infinity.
+constexpr double kFloatOverflow = 0x1.ffffffp127;
+
 void storeBE(char* out, std::uint64_t v, int width) {
   for (int i = width - 1; i >= 0; --i) {
     out[i] = static_cast<char>(v & 0xff);
@@ -26,6 +33,16 @@ std::uint64_t loadBE(const char* in, int width) {
   std::uint64_t v = 0;
   for (int i = 0; i < width; ++i) v = (v << 8) | static_cast<unsigned char>(in[i]);
   return v;
+}
+
+// The shortest text that reads back as d ("1e+39", not 1.0000000000000001e+39).
+std::string shortestText(double d) {
+  char text[32];
+  for (int digits = 1; digits <= 17; ++digits) {
+    std::snprintf(text, sizeof text, "%.*g", digits, d);
+    if (std::strtod(text, nullptr) == d) break;
+  }
+  return text;
 }
 
 [[noreturn]] void throwLimit(const std::string& what, std::uint64_t value, const char* limit,
@@ -104,8 +121,16 @@ RX::RXValue decodeAt(MsgpackReader& reader, const Limits& limits, const ObjectDe
       }
       return RX::RXValue(static_cast<int>(v));
     }
-    case MsgpackType::Float:
-      return RX::RXValue(reader.readFloat());
+    case MsgpackType::Float: {
+      // A float64 too large for 32 bits is refused rather than stored as an
+      // infinity nobody sent; infinities and NaN themselves pass, as the CLI
+      // refuses the same values.
+      const double d = reader.readDouble();
+      if (std::isfinite(d) && std::fabs(d) >= kFloatOverflow) {
+        throw DecodeError("float out of 32-bit range: " + shortestText(d));
+      }
+      return RX::RXValue(static_cast<float>(d));
+    }
     case MsgpackType::Str: {
       const std::string_view s = reader.readStr();
       if (s.size() > limits.maxStringBytes) {

@@ -90,8 +90,8 @@ void encodeValue(const RX::RXValue& value, MsgpackWriter<Buffer>& writer,
                  const ObjectEncoder& objects = ObjectEncoder());
 
 // Reads one value at the reader's cursor. Accepts float64 (narrowed) besides
-// float32; rejects ints outside 32 bits, maps, ext types other than 1 and
-// anything beyond `limits`. Object references need `objects`; an exception it
+// float32; rejects ints outside 32 bits, finite floats beyond the float32
+// range, maps, ext types other than 1 and anything beyond `limits`. Object references need `objects`; an exception it
 // throws becomes a DecodeError.
 [[nodiscard]] RX::RXValue decodeValue(MsgpackReader& reader, const Limits& limits = Limits(),
                                       const ObjectDecoder& objects = ObjectDecoder());

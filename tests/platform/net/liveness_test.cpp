@@ -127,6 +127,21 @@ TEST_F(Liveness, MalformedFramesGetAnErrorAndTheConnectionStaysUsable) {
   m = next(*c);
   EXPECT_EQ(static_cast<std::uint8_t>(net::MessageKind::Pong), m.kind);
   EXPECT_EQ(15u, m.requestId);
+  // Id 0 is the id of errors about the connection: a request carrying it is
+  // not run (a Call with bad fields would say so), only a Ping may use it.
+  for (const int kind : {3, 9, 17, 99}) {
+    c->send(message(static_cast<net::MessageKind>(kind), 0, {RX::RXValue("Calc")}));
+    m = next(*c);
+    EXPECT_EQ(0u, m.requestId);
+    EXPECT_EQ("request of kind " + std::to_string(kind) +
+                  " refused: requestId 0 is reserved for errors about the connection; requests need a "
+                  "non-zero requestId",
+              errorText(m));
+  }
+  c->send(message(net::MessageKind::Ping, 0));
+  m = next(*c);
+  EXPECT_EQ(static_cast<std::uint8_t>(net::MessageKind::Pong), m.kind);
+  EXPECT_EQ(0u, m.requestId);
   expectAnswers(*c, 16);
 
   // A length beyond the frame limit: the stream cannot be followed any more,
@@ -156,6 +171,13 @@ TEST_F(Liveness, HandshakeRules) {
   c->setReadTimeout(kWait);
   c->send(message(net::MessageKind::Hello, 1, {RX::RXValue("s"), RX::RXValue("bogus"), RX::RXValue("x")}));
   EXPECT_EQ("bad Hello: role must be \"call\" or \"event\", not \"bogus\"", errorText(next(*c)));
+  c = net::Connection::connect(net::Endpoint::parse(endpoint), kWait);
+  c->setReadTimeout(kWait);
+  c->send(message(net::MessageKind::Hello, 0, {RX::RXValue("s"), RX::RXValue("call"), RX::RXValue("x")}));
+  m = next(*c);
+  EXPECT_EQ(0u, m.requestId);
+  EXPECT_EQ(0u, errorText(m).find("request of kind 1 refused: requestId 0 is reserved")) << errorText(m);
+  EXPECT_EQ(net::Connection::ReadStatus::Closed, c->read(m));
 
   // One event connection per session; it carries no requests.
   auto event = greeted("event", "session-e");

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -182,6 +183,35 @@ TEST(WireCodecTest, ForeignEncodingsAreAcceptedOrRefusedClearly) {
   std::string f64;
   net::MsgpackWriter(f64).writeDouble(0.1);
   EXPECT_EQ(RXValue(0.1f), decoded(f64));
+
+  // float64 narrowing at the edge of the float32 range: what rounds to FLT_MAX
+  // is kept, what would round to infinity is refused, infinities pass as sent.
+  const double kMax = std::numeric_limits<float>::max();
+  const double kInf = std::numeric_limits<double>::infinity();
+  const struct {
+    double sent;
+    const char* outcome;  // the float kept, or the decode error
+  } narrowing[] = {
+      {kMax, "3.40282347e+38"},
+      {-0x1.fffffefffffffp127, "-3.40282347e+38"},  // just below the midpoint
+      {0x1.ffffffp127, "float out of 32-bit range: 3.4028235677973366e+38"},
+      {-1e39, "float out of 32-bit range: -1e+39"},
+      {1.7976931348623157e308, "float out of 32-bit range: 1.7976931348623157e+308"},
+      {kInf, "inf"},
+      {-kInf, "-inf"},
+      {1e-50, "0"},  // underflow is ordinary rounding
+  };
+  for (const auto& row : narrowing) {
+    std::string wire;
+    net::MsgpackWriter(wire).writeDouble(row.sent);
+    std::string outcome = decodeError(wire);
+    if (outcome == "<no error>") {
+      char text[32];
+      std::snprintf(text, sizeof text, "%.9g", decoded(wire).toFloat());
+      outcome = text;
+    }
+    EXPECT_EQ(row.outcome, outcome) << row.sent;
+  }
 
   EXPECT_EQ("int out of 32-bit range: 2147483648", decodeError(bytes({0xce, 0x80, 0, 0, 0})));
   EXPECT_EQ("int out of 32-bit range: -2147483649",
