@@ -230,17 +230,20 @@ std::size_t Connection::writeSome(const char* data, std::size_t size) {
   std::size_t done = 0;
   while (done < size) {
     const ssize_t n = ::send(fd_, data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n >= 0) {
+    if (n >= 0)
       done += static_cast<std::size_t>(n);
-      continue;
-    }
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-    const int err = errno;
-    close();
-    throw RemoteError("connection to " + description_ + " lost: " + errnoText(err));
+    else if (!retryAfterSendError())
+      break;
   }
   return done;
+}
+
+bool Connection::retryAfterSendError() {
+  if (errno == EINTR) return true;
+  if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
+  const int err = errno;
+  close();
+  throw RemoteError("connection to " + description_ + " lost: " + errnoText(err));
 }
 
 void Connection::writeOutbox() {
@@ -254,15 +257,10 @@ void Connection::writeOutbox() {
       continue;
     }
     const ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n >= 0) {
+    if (n >= 0)
       outbox_->consume(static_cast<std::size_t>(n));
-      continue;
-    }
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return;
-    const int err = errno;
-    close();
-    throw RemoteError("connection to " + description_ + " lost: " + errnoText(err));
+    else if (!retryAfterSendError())
+      return;
   }
 }
 

@@ -150,6 +150,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Writes without waiting; returns how much the socket took. Closes the
   // connection and throws RemoteError when it fails.
   std::size_t writeSome(const char* data, std::size_t size);
+  // After a failed non-blocking send: true to try again (interrupted), false
+  // when the socket would block; closes the connection and throws
+  // RemoteError on any other error.
+  bool retryAfterSendError();
   // REQUIRES: writeMutex_ held. Writes what the outbox holds, many frames per
   // system call, until it is empty or the socket would block. Throws like writeSome.
   void writeOutbox();
