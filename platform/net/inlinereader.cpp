@@ -224,28 +224,27 @@ void InlineReader::beforeBlocking() {
   InlineScope* scope = tlsScope;
   if (!scope) return;
   tlsScope = nullptr;  // once per callback
-  scope->reader->handOver(scope->state, true);
+  scope->reader->handOver(scope->state);
 }
 
-bool InlineReader::handOver(std::uint64_t state, bool /*promptly*/) {
+void InlineReader::handOver(std::uint64_t state) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_ || ended_) return false;
+    if (stopping_ || ended_) return;
     if (!hasStandby_) {
       // No standby (all busy in callbacks): a new thread reads, if allowed.
       std::uint64_t expected = state;
-      if (!state_.compare_exchange_strong(expected, state + 1)) return false;
-      if (spawnLocked(true)) return true;
+      if (!state_.compare_exchange_strong(expected, state + 1)) return;
+      if (spawnLocked(true)) return;
       // No thread left: the role comes back to the caller, which will block.
       state_.store(state, std::memory_order_release);
-      return false;
+      return;
     }
     std::uint64_t expected = state;
-    if (!state_.compare_exchange_strong(expected, state + 1)) return false;
+    if (!state_.compare_exchange_strong(expected, state + 1)) return;
     promote_ = true;
   }
   wake_.notify_all();
-  return true;
 }
 
 void InlineReader::forgetLane(std::uint64_t lane) {

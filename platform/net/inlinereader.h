@@ -89,7 +89,7 @@ class InlineReader {
   // Runs the lane's task now (as the reader: watched), then whatever waits in it.
   void runLane(std::uint64_t lane, Task task);
   // Gives the reader's role away when `state` is still the current one.
-  bool handOver(std::uint64_t state, bool promptly);
+  void handOver(std::uint64_t state);
   void countDrop(std::uint64_t lane);
 
   const Options options_;
