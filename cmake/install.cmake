@@ -10,7 +10,7 @@ include(CMakePackageConfigHelpers)
 # session with the headers it includes (the connection and its codec).
 set(RX_PUBLIC_HEADERS_rx
   rxvalue.h rxerror.h rxlog.h rttime.h rxfunctor.h rxmodule.h rxbroker.h rxbrokermanager.h
-  rxproxy.h rxmemoryproxy.h rxcallcontext.h)
+  rxproxy.h rxmemoryproxy.h rxcallcontext.h rxlivefeed.h)
 set(RX_PUBLIC_HEADERS_mz
   anyvalue.h typeconv.h future.h signal.h object.h session.h os.h datapath.h)
 set(RX_PUBLIC_HEADERS_net
@@ -32,6 +32,8 @@ install(TARGETS rxmemory LIBRARY DESTINATION ${RX_INSTALL_MODULEDIR})
 # there (after --data-path and RX_DATA_PATH); an example sits beside it.
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/rxmemory_map_signal_event.txt.example
         DESTINATION ${RX_INSTALL_DATADIR}/tavro)
+# The live view's page, script and style, served by rxbroker at /live.
+install(FILES ${RX_WEB_LIVE_FILES} DESTINATION ${RX_INSTALL_DATADIR}/web/live)
 
 # The service unit names the installed broker, so it is written at install
 # time, when the prefix is known (cmake --install --prefix, or CPack's /usr).

@@ -67,6 +67,20 @@ std::string folderList() {
   return text.empty() ? "(unknown: /proc/self/exe unreadable)" : text;
 }
 
+// The live view's files: --web-dir, else web/live in the data folders
+// (--data-path, RX_DATA_PATH, the installed share/rx), else web/live next to
+// the broker (a build tree keeps a copy there). Empty when none is found.
+std::string webFolder(const std::string& given) {
+  if (!given.empty()) return given;
+  const std::string page = mz::path::findData("web/live", "live.html");
+  if (!page.empty()) return std::filesystem::path(page).parent_path().string();
+  std::error_code ec;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (!ec && std::filesystem::is_regular_file(self.parent_path() / "web/live/live.html", ec))
+    return (self.parent_path() / "web/live").string();
+  return std::string();
+}
+
 using CreateModuleFn = int (*)(boost::shared_ptr<RX::RXBroker>);
 
 // Loads one module library. Returns an error text, empty on success.
@@ -137,6 +151,14 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--http-max-header-bytes", httpOptions.maxHeaderBytes, "Bytes of an HTTP request head")
       ->check(CLI::Range(256, 1048576))
+      ->capture_default_str();
+  std::string webDir;
+  app.add_option("--web-dir", webDir,
+                 "Folder of the live view's files served at /live (default: web/live in the data folders, then "
+                 "next to the broker)");
+  app.add_option("--http-live-streams", httpOptions.maxLiveStreams,
+                 "Live views (/live/events streams) open at once; each holds an HTTP thread")
+      ->check(CLI::Range(std::size_t(0), std::size_t(1024)))
       ->capture_default_str();
   app.add_option("--threads", threads, "Threads running posted calls (notifications)")->check(CLI::Range(2, 64));
   app.add_option("--queue-capacity", queueCapacity, "Pending notifications kept per subscriber module")
@@ -232,6 +254,7 @@ int main(int argc, char** argv) {
     server = std::make_unique<net::Server>(broker, listen, serverOptions);
     server->start();
     if (!noHttp) {
+      httpOptions.webDir = webFolder(webDir);
       pages = std::make_unique<net::HttpStatusServer>(broker, httpHost, httpPort, httpOptions);
       pages->start();
     }
@@ -246,6 +269,7 @@ int main(int argc, char** argv) {
   std::cout << "\n";
   for (const std::string& endpoint : server->endpoints()) std::cout << "rxbroker: listening on " << endpoint << "\n";
   if (pages) std::cout << "rxbroker: status pages on " << pages->url() << "/RXMemory\n";
+  if (pages) std::cout << "rxbroker: live view on " << pages->url() << "/live\n";
   std::cout << "rxbroker: press Ctrl-C to stop" << std::endl;
 
   int received = 0;

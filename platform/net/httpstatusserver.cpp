@@ -24,6 +24,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -34,6 +35,7 @@
 #include "mz/object.h"
 #include "net/catalogjson.h"
 #include "rx/rxbroker.h"
+#include "rx/rxlivefeed.h"
 #include "rx/rxlog.h"
 #include "rx/rxmodule.h"
 
@@ -58,6 +60,29 @@ void setCommonHeaders(httplib::Response& res, const std::string& page = std::str
   res.set_header("Content-Security-Policy", HttpStatusServer::contentSecurityPolicy(page));
   res.set_header("X-Content-Type-Options", "nosniff");
   res.set_header("Cache-Control", "no-store");
+}
+
+const std::string kLivePolicy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self'; "
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+
+void setLiveHeaders(httplib::Response& res) {
+  res.set_header("Content-Security-Policy", kLivePolicy);
+  res.set_header("X-Content-Type-Options", "nosniff");
+  res.set_header("Cache-Control", "no-store");
+}
+
+// The first module that offers a live view, or null.
+boost::shared_ptr<RX::RXModule> liveModule(RX::RXBroker& broker) {
+  for (const std::string& name : broker.moduleNames()) {
+    boost::shared_ptr<RX::RXModule> module = broker.getModule(name);
+    if (module && module->liveFeed()) return module;
+  }
+  return nullptr;
+}
+
+std::string droppedJson(RX::RXBroker& broker) {
+  return nlohmann::json(broker.droppedCounts()).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 // Headers are added, not replaced: each answer must set them exactly once.
@@ -192,6 +217,13 @@ class GuardedStream final : public httplib::Stream {
     }
   }
 
+  // A stream that writes for long (an event stream) renews its deadline
+  // before each write: the deadline bounds one write, not the stream.
+  void renewWriteDeadline() {
+    writing_ = true;
+    writeDeadline_ = Clock::now() + std::chrono::milliseconds(options_.writeTimeoutMs);
+  }
+
   bool is_readable() const override { return begin_ < end_ || waitFor(POLLIN, readDeadline_) == Wait::kReady; }
   bool is_writable() const override { return waitFor(POLLOUT, writeDeadline()) == Wait::kReady; }
 
@@ -315,6 +347,10 @@ class GuardedStream final : public httplib::Stream {
   Refusal refusal_ = Refusal::kNone;
 };
 
+// The stream of the request this thread serves: a handler that streams its
+// answer reaches the socket through it.
+thread_local GuardedStream* tCurrentStream = nullptr;
+
 // The library's server with our connection loop: each request read through
 // a GuardedStream, refusals answered with a text naming the limit.
 class GuardedServer final : public httplib::Server {
@@ -347,6 +383,10 @@ class GuardedServer final : public httplib::Server {
   }
 
   void serve(GuardedStream& stream) {
+    tCurrentStream = &stream;
+    struct Reset {
+      ~Reset() { tCurrentStream = nullptr; }
+    } reset;
     for (std::size_t count = options_.keepAliveMaxCount; count > 0 && stream.awaitRequest(); --count) {
       stream.beginRequest();
       bool connectionClosed = false;
@@ -418,7 +458,109 @@ struct HttpStatusServer::Impl {
   // One module page renders at a time; the count of those waiting is bounded.
   std::mutex renderMutex;
   std::atomic<std::size_t> rendersWaiting{0};
+  // Open event streams, at most options.maxLiveStreams.
+  std::atomic<std::size_t> liveStreams{0};
 };
+
+namespace {
+
+// One /live/events stream: holds its slot among maxLiveStreams, the module
+// and its feed reader for as long as the library holds the answer.
+class LiveStream {
+ public:
+  // Takes one of `slots` (already counted) and gives it back when destroyed.
+  LiveStream(std::atomic<std::size_t>& slots, RX::RXBroker& broker, const Options& options,
+             boost::shared_ptr<RX::RXModule> module, int stopFd)
+      : slots_(slots), broker_(broker), options_(options), module_(std::move(module)), stopFd_(stopFd) {
+    reader_ = module_->liveFeed()->open(options_.maxLivePending);
+  }
+  ~LiveStream() {
+    reader_.reset();
+    --slots_;
+  }
+
+  // Writes events until the client leaves, a write fails or the server
+  // stops; false ends the connection. Each wait is on the client's socket
+  // (a hang-up), the server's stop pipe and the reader, at most one
+  // heartbeat long.
+  bool run(httplib::DataSink& sink) {
+    GuardedStream* const socketStream = tCurrentStream;
+    if (!socketStream) return false;
+    auto send = [&](const std::string& text) {
+      socketStream->renewWriteDeadline();
+      return sink.write(text.data(), text.size());
+    };
+    // The page loads the table when it hears "hello": changes from then on
+    // are already kept for it.
+    if (!send("retry: 2000\nevent: hello\ndata: \n\n")) return false;
+    std::string lastDropped;
+    Clock::time_point nextDroppedCheck = Clock::now();
+    for (;;) {
+      pollfd fds[3] = {{socketStream->socket(), POLLIN, 0}, {stopFd_, POLLIN, 0}, {reader_->wakeFd(), POLLIN, 0}};
+      const int rc = ::poll(fds, 3, options_.liveHeartbeatMs);
+      if (rc < 0 && errno != EINTR) return false;
+      if (fds[1].revents != 0) return false;
+      if (fds[0].revents != 0) {
+        // An event stream's client sends nothing: data or a hang-up ends it.
+        char byte;
+        const ssize_t n = ::recv(socketStream->socket(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n >= 0 || (errno != EAGAIN && errno != EINTR)) return false;
+      }
+      std::string batch;
+      if (fds[2].revents != 0) {
+        bool overflowed = false;
+        const std::vector<std::string> names = reader_->take(overflowed);
+        if (overflowed) batch = "event: resync\ndata: \n\n";
+        for (std::size_t i = 0; !overflowed && i < names.size(); ++i) {
+          batch += "event: row\ndata: " + rowOf(names[i]) + "\n\n";
+          if (batch.size() >= 64 * 1024) {
+            if (!send(batch)) return false;
+            batch.clear();
+          }
+        }
+      } else if (rc == 0) {
+        batch = ": heartbeat\n\n";
+      }
+      if (Clock::now() >= nextDroppedCheck) {
+        nextDroppedCheck = Clock::now() + std::chrono::seconds(1);
+        std::string dropped = droppedJson(broker_);
+        if (dropped != lastDropped) batch += "event: dropped\ndata: " + dropped + "\n\n";
+        lastDropped = std::move(dropped);
+      }
+      if (!batch.empty() && !send(batch)) return false;
+    }
+  }
+
+ private:
+  std::string rowOf(const std::string& name) {
+    try {
+      return module_->liveRowJson(name);
+    } catch (const std::exception& e) {
+      return nlohmann::json({{"name", name}, {"note", std::string("cannot be shown: ") + e.what()}})
+          .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    }
+  }
+
+  // The server outlives its streams (stop() joins the serving threads).
+  std::atomic<std::size_t>& slots_;
+  RX::RXBroker& broker_;
+  const Options& options_;
+  // The module before its reader: the reader must go first.
+  const boost::shared_ptr<RX::RXModule> module_;
+  std::unique_ptr<RX::LiveFeed::Reader> reader_;
+  const int stopFd_;
+};
+
+// One of the live view's files, read at each request so that an edited file
+// shows on reload; empty when it cannot be read.
+std::string readWebFile(const std::string& dir, const std::string& name) {
+  if (dir.empty()) return std::string();
+  std::ifstream in(dir + "/" + name, std::ios::binary);
+  if (!in) return std::string();
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace
 
 HttpStatusServer::HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::string host, int port)
     : HttpStatusServer(std::move(broker), std::move(host), port, Options()) {}
@@ -477,6 +619,49 @@ HttpStatusServer::HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::
   server.Get("/status.json", [this](const httplib::Request&, httplib::Response& res) {
     setCommonHeaders(res);
     res.set_content(statusJson(), "application/json");
+  });
+  // The live view, before the module pages: a module named "live" is not
+  // reachable by its page.
+  server.Get(R"(/live|/live/(live\.js|live\.css))", [this](const httplib::Request& req, httplib::Response& res) {
+    const std::string name = req.matches[1].matched ? std::string(req.matches[1]) : std::string("live.html");
+    std::string body = readWebFile(impl_->options.webDir, name);
+    if (body.empty())
+      return setText(res, 404, "The live view's file " + name + " is not installed (web folder: " +
+                                   (impl_->options.webDir.empty() ? "none" : impl_->options.webDir) + ")\n");
+    setLiveHeaders(res);
+    const char* type = name == "live.js" ? "text/javascript; charset=utf-8"
+                                         : name == "live.css" ? "text/css; charset=utf-8" : "text/html; charset=utf-8";
+    res.set_content(std::move(body), type);
+  });
+  server.Get("/live/keys.json", [this](const httplib::Request&, httplib::Response& res) {
+    std::string json = liveJson();
+    if (json.empty()) return setText(res, 404, "No module of this broker offers a live view\n");
+    setLiveHeaders(res);
+    res.set_content(std::move(json), "application/json");
+  });
+  server.Get("/live/events", [this](const httplib::Request&, httplib::Response& res) {
+    Impl& impl = *impl_;
+    boost::shared_ptr<RX::RXModule> module = liveModule(*impl.broker);
+    if (!module) return setText(res, 404, "No module of this broker offers a live view\n");
+    if (impl.liveStreams.fetch_add(1) >= impl.options.maxLiveStreams) {
+      --impl.liveStreams;
+      res.set_header("Retry-After", "5");
+      return setText(res, 503,
+                     "Service unavailable: " + std::to_string(impl.options.maxLiveStreams) +
+                         " live streams already open (limit maxLiveStreams = " +
+                         std::to_string(impl.options.maxLiveStreams) + ")\n");
+    }
+    std::shared_ptr<LiveStream> stream;
+    try {
+      stream = std::make_shared<LiveStream>(impl.liveStreams, *impl.broker, impl.options, std::move(module),
+                                            impl.stopFds[0]);
+    } catch (...) {
+      --impl.liveStreams;  // the stream never took its slot
+      throw;
+    }
+    setLiveHeaders(res);
+    res.set_chunked_content_provider("text/event-stream",
+                                     [stream](std::size_t, httplib::DataSink& sink) { return stream->run(sink); });
   });
   server.Get(R"(/([^/]+)/methods\.json)", [this](const httplib::Request& req, httplib::Response& res) {
     std::string json = methodsJson(req.matches[1]);
@@ -557,6 +742,10 @@ const HttpStatusServer::Options& HttpStatusServer::options() const { return impl
 
 std::size_t HttpStatusServer::pageRendersWaiting() const { return impl_->rendersWaiting.load(); }
 
+std::size_t HttpStatusServer::liveStreams() const { return impl_->liveStreams.load(); }
+
+const std::string& HttpStatusServer::livePolicy() { return kLivePolicy; }
+
 std::string HttpStatusServer::styleHashSource(const std::string& styleText) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
@@ -619,6 +808,15 @@ std::string HttpStatusServer::statusJson() const {
                         {"transport", broker.transportCounters()}};
   // Names come from clients: bytes that are not UTF-8 are replaced, not fatal.
   return doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+std::string HttpStatusServer::liveJson() const {
+  RX::RXBroker& broker = *impl_->broker;
+  boost::shared_ptr<RX::RXModule> module = liveModule(broker);
+  if (!module) return std::string();
+  return "{\"module\":" +
+         nlohmann::json(module->getName()).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+         ",\"droppedNotifications\":" + droppedJson(broker) + ",\"keys\":" + module->liveTableJson() + "}\n";
 }
 
 std::string HttpStatusServer::methodsJson(const std::string& name) const {

@@ -5,11 +5,20 @@
 //   GET /status.json             the same facts as JSON
 //   GET /<module>                the module's own page (RXModule::httpGet)
 //   GET /<module>/methods.json   the module's published catalogue as JSON
+//   GET /live                    the live view of the first module that offers
+//                                one (RXModule::liveFeed): a page, its script
+//                                and style (/live/live.js, /live/live.css),
+//   GET /live/keys.json          its table as JSON,
+//   GET /live/events             and its changes as Server-Sent Events.
 // Module pages embed names and values unescaped, so every answer carries a
 // Content-Security-Policy that forbids scripts and allows only the page's own
 // leading <style> block, by its hash. Every client is untrusted: request heads
 // and bodies are bounded, a request must arrive within a deadline, a fixed pool
 // of threads serves the connections and module pages render one at a time.
+// The live view is files and JSON only, so its policy allows the broker's own
+// script and style and nothing inline. Each event stream holds a serving
+// thread: their number is capped, each keeps a bounded set of changed names,
+// sends a heartbeat comment when idle and ends when the server stops.
 // Thread safety: start and stop from one thread; requests are served on the
 // server's own threads; the page functions may be called from any thread.
 #pragma once
@@ -58,6 +67,18 @@ class HttpStatusServer {
     // After a refusal, how long the rest of the request is read and dropped
     // so that the client sees the answer rather than a reset connection.
     int closeLingerMs = 500;
+    // The folder of the live view's files (live.html, live.js, live.css);
+    // empty or missing: /live answers 404.
+    std::string webDir;
+    // Open /live/events streams; more are answered 503. Keep it well below
+    // `threads`: each stream holds a thread.
+    std::size_t maxLiveStreams = 8;
+    // Changed names a stream keeps for a slow client; beyond them it tells
+    // the page to reload the whole table ("resync") instead.
+    std::size_t maxLivePending = 1024;
+    // A comment is sent on a stream idle this long, so that a client gone
+    // without a word is found out by the failed write.
+    int liveHeartbeatMs = 15000;
   };
 
   HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::string host, int port);
@@ -79,6 +100,10 @@ class HttpStatusServer {
   const Options& options() const;
   // Requests now waiting for their turn to render a module page.
   std::size_t pageRendersWaiting() const;
+  // Open /live/events streams.
+  std::size_t liveStreams() const;
+  // The policy of the live view's page, script, style and JSON.
+  static const std::string& livePolicy();
 
   // The policy sent with a page: no scripts, no plugins, no forms, no
   // framing, a sandboxed document, and as styles only the text of the page's
@@ -91,6 +116,9 @@ class HttpStatusServer {
   std::string indexPage() const;
   std::string statusJson() const;
   std::string methodsJson(const std::string& module) const;  // empty when no such module
+  // {"module", "droppedNotifications", "keys"}: the live table of the first
+  // module that offers one; empty when none does.
+  std::string liveJson() const;
 
  private:
   struct Impl;

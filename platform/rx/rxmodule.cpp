@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "mz/session.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
@@ -304,6 +306,15 @@ std::string RXModule::version() const { return "0.1.0"; }
 
 RXValue RXModule::execute(const std::string& command, const RXValue& /*arguments*/) {
   throw RXError(name_, "execute", "no command " + command);
+}
+
+LiveFeed* RXModule::liveFeed() { return nullptr; }
+
+std::string RXModule::liveTableJson() { return "[]"; }
+
+std::string RXModule::liveRowJson(const std::string& name) {
+  return nlohmann::json({{"name", name}, {"removed", true}}).dump(-1, ' ', false,
+                                                                  nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace RX

@@ -34,6 +34,7 @@
 
 namespace RX {
 
+class LiveFeed;
 class RXBroker;
 class SerialQueue;
 
@@ -106,6 +107,17 @@ class RXModule : public mz::DynamicObject, public boost::enable_shared_from_this
   virtual std::string version() const;
   // Runs a module-specific command; the base knows none and throws RXError.
   virtual RXValue execute(const std::string& command, const RXValue& arguments);
+
+  // ---- Live view (the broker's /live page) ----
+  // A module that offers a live table of its items returns the feed on which
+  // it reports changed item names; the base offers none (null).
+  virtual LiveFeed* liveFeed();
+  // Every item as a JSON array of objects, one per item, sorted by name; must
+  // not fail on any item. The base: "[]".
+  virtual std::string liveTableJson();
+  // One item's object as in liveTableJson; {"name": NAME, "removed": true}
+  // when there is no such item. The base: always removed.
+  virtual std::string liveRowJson(const std::string& name);
 
  protected:
   std::string objectName() const override { return name_; }

@@ -498,6 +498,7 @@ void RXMemory::storeValue(const std::string& name, const RXValue& value, dataTyp
       added = true;
     }
   }
+  if (liveFeed_.active()) liveFeed_.changed(name);
   // Raised only now: raising inserts into the map again.
   if (!isBehaviorKey(name)) {
     if (added)
@@ -615,6 +616,7 @@ void RXMemory::xRemoveData(const std::string& name) {
                "Data " + name + " can't be erased because it has been accessed using getDataPtr");
     keyMap.erase(it);
   }
+  if (liveFeed_.active()) liveFeed_.changed(name);
   if (!isBehaviorKey(name)) xRaiseEvent(Memory::keyRemovedKey, RXValue(name));
 }
 

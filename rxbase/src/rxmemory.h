@@ -16,6 +16,7 @@
 
 #include "mz/anyvalue.h"
 #include "mz/signal.h"
+#include "rx/rxlivefeed.h"
 #include "rx/rxmodule.h"
 #include "memorylocks.h"
 #include "rx/rxvalue.h"
@@ -200,6 +201,19 @@ class RXMemory : public RXModule {
   // The whole memory as one HTML page: data, events and micro-events.
   std::string httpGet() override;
   [[nodiscard]] std::string httpGetList(const std::string& title, const std::vector<std::string>& names);
+  // ---- Live view (rxmemory_liveview.cpp) ----
+  // Every write, raise and removal of a key is reported on the feed by name
+  // (one atomic load while no viewer is open).
+  LiveFeed* liveFeed() override { return &liveFeed_; }
+  // Per key, sorted by name: {"name", "kind" (data, event, microEvent,
+  // unknown, shmData), "type" (of the value), "value" (as text, at most
+  // kLiveValueBytes, bytes that are not UTF-8 written as \xNN), "sec",
+  // "usec" (last write, 0 when never written), "description", "subscribers"
+  // and, when the value cannot be shown whole, "note"}. Never throws for a key.
+  std::string liveTableJson() override;
+  std::string liveRowJson(const std::string& name) override;
+  static constexpr std::size_t kLiveValueBytes = 4096;
+
   // Times 1000 insertions of "perf" by three routes (direct, specialized
   // proxy, generic proxy) and prints the figures on standard output.
   void perf();
@@ -226,6 +240,9 @@ class RXMemory : public RXModule {
   boost::shared_ptr<STMValue> findOrCreateCell(const std::string& name, dataType type);
   // What xInsertData does; `keep`, when not null, receives the cell.
   void storeValue(const std::string& name, const RXValue& value, dataType type, boost::shared_ptr<STMValue>* keep);
+  // The live view's row of one key (see liveTableJson).
+  // REQUIRES: keyMapMutex not held (the binary companions are looked up).
+  std::string liveRow(const std::string& name, STMValue& cell, const std::string& description);
   // Gives a new event the extractor "Unknown".
   // REQUIRES: keyMapMutex held exclusively.
   void registerEvent(const std::string& name);
@@ -245,6 +262,9 @@ class RXMemory : public RXModule {
 
   // Link of the session's serviceRegistered signal to onServiceRegistered.
   mz::SignalLink serviceRegisteredLink;
+
+  // Told of every changed key; does its own locking.
+  LiveFeed liveFeed_;
 
   // Held by the callbacks of serviceRegistered and of mapped service signals
   // instead of the module itself: those connections may outlive the module.
