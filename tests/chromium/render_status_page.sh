@@ -19,50 +19,10 @@ set -euo pipefail
 broker_bin=${1:?usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]}
 cli_bin=${2:?usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]}
 
-chromium_bin=$(command -v chromium || command -v chromium-browser || true)
-[ -n "$chromium_bin" ] || { echo "SKIPPED: chromium not installed (scripts/install-deps installs it)"; exit 77; }
-for tool in chromedriver curl jq; do
-  command -v "$tool" >/dev/null 2>&1 || { echo "SKIPPED: $tool not installed (scripts/install-deps installs it)"; exit 77; }
-done
-
-work=$(mktemp -d /tmp/rxchromium-XXXXXX)
+# shellcheck source=browser_lib.sh
+. "$(dirname "$0")/browser_lib.sh"
 screenshot=${3:-$work/page.png}
-broker_pid= driver_pid= reader_pid= driver= session=
-cleanup() {
-  # Quitting the session ends the browser; chromedriver runs in a process
-  # group of its own, so anything of the browser still left goes with it.
-  if [ -n "$session" ]; then curl -s --max-time 10 -X DELETE "$driver/session/$session" >/dev/null || true; fi
-  if [ -n "$driver_pid" ]; then kill -- "-$driver_pid" 2>/dev/null || true; fi
-  for pid in $reader_pid $driver_pid $broker_pid; do
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
-
-# ---- The broker, on ports the system picks ----
-mkfifo "$work/broker.out"
-"$broker_bin" --listen tcp://127.0.0.1:0 --http 127.0.0.1:0 --data-path "$work" --log '*=error' \
-  >"$work/broker.out" 2>"$work/broker.err" &
-broker_pid=$!
-exec 3<"$work/broker.out"
-url= http= ready=
-# Each line must come within 10 s: a bounded wait on the broker's own words.
-while IFS= read -r -t 10 line <&3; do
-  case "$line" in
-    "rxbroker: listening on "*) url=${line#rxbroker: listening on } ;;
-    "rxbroker: status pages on "*) http=${line#rxbroker: status pages on } ; http=${http%/RXMemory} ;;
-    "rxbroker: press Ctrl-C to stop") ready=1; break ;;
-  esac
-done
-[ -n "$ready" ] || fail "rxbroker did not start: $(cat "$work/broker.err")"
-[ -n "$url" ] && [ -n "$http" ] || fail "rxbroker did not say where it listens"
+start_broker "$broker_bin"
 
 rx() { "$cli_bin" --url "$url" --http "$http" "$@"; }
 
@@ -113,47 +73,18 @@ for needle in '<td>87</td>' '<td>0.5</td>' 'Robot/Pose' '"jpeg" 14' 'OtherModule
   grep -qF "$needle" "$work/page.html" || fail "'$needle' is not on the page"
 done
 
-# ---- The browser, through chromedriver on a port it picks ----
-mkfifo "$work/driver.out"
-setsid chromedriver --port=0 >"$work/driver.out" 2>&1 &
-driver_pid=$!
-exec 4<"$work/driver.out"
-while IFS= read -r -t 10 line <&4; do
-  case "$line" in
-    *"started successfully on port "*) driver=${line##* port } ; driver="http://127.0.0.1:${driver%.}"; break ;;
-  esac
-done
-[ -n "$driver" ] || fail "chromedriver did not start"
-# Keep reading its output so that it never blocks on a full pipe.
-cat <&4 >/dev/null 2>&1 &
-reader_pid=$!
-
-wd() {  # METHOD PATH [JSON]: one WebDriver command; prints its "value"
-  local answer
-  answer=$(curl -s --max-time 60 -X "$1" -H 'Content-Type: application/json' "$driver$2" ${3:+-d "$3"}) ||
-    fail "WebDriver $1 $2: no answer"
-  if [ "$(jq -r 'try .value.error // empty' <<<"$answer")" != "" ]; then
-    fail "WebDriver $1 $2: $(jq -r '.value.message' <<<"$answer" | head -3)"
-  fi
-  jq -c '.value' <<<"$answer"
-}
-args=$(jq -nc --arg dir "$(mktemp -d "$work/profile-XXXXXX")" '["--headless", "--no-sandbox", "--disable-gpu",
-  "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
-  "--disable-sync", "--window-size=1200,900", "--user-data-dir=" + $dir]')
-session=$(wd POST /session "$(jq -nc --arg bin "$chromium_bin" --argjson args "$args" \
-  '{capabilities: {alwaysMatch: {"goog:chromeOptions": {binary: $bin, args: $args},
-    "goog:loggingPrefs": {browser: "ALL"}}}}')" | jq -r '.sessionId')
-[ -n "$session" ] && [ "$session" != null ] || fail "no WebDriver session"
+# ---- The browser ----
+start_browser
 
 # WebDriver's scripts run in the page even though the page itself may run none.
 probe='return {cellFont: getComputedStyle(document.querySelector("td")).fontSize,
   scripts: document.querySelectorAll("script").length, cells: document.querySelectorAll("td").length,
   text: document.body.textContent}'
 check_page() {  # URL MIN_CELLS MIN_SCRIPTS
-  wd POST "/session/$session/url" "$(jq -nc --arg url "$1" '{url: $url}')" >/dev/null
+  open_url "$1"
   local state log
-  state=$(wd POST "/session/$session/execute/sync" "$(jq -nc --arg s "$probe" '{script: $s, args: []}')")
-  log=$(wd POST "/session/$session/se/log" '{"type": "browser"}')
+  state=$(run_js "$probe")
+  log=$(browser_log)
   # 12px comes only from the page's style block; without it a cell has 16px.
   [ "$(jq -r .cellFont <<<"$state")" = 12px ] ||
     fail "$1: the page's style did not apply (cell font $(jq -r .cellFont <<<"$state")); browser log: $log"
@@ -167,16 +98,9 @@ check_page() {  # URL MIN_CELLS MIN_SCRIPTS
 }
 check_page "$page_url" 20 1
 check_page "$http/" 4 0
-wd POST "/session/$session/url" "$(jq -nc --arg url "$page_url" '{url: $url}')" >/dev/null
-
-rm -f "$screenshot"
-wd GET "/session/$session/screenshot" | jq -r . | base64 -d >"$screenshot" || fail "no screenshot"
-wd DELETE "/session/$session" >/dev/null
-session=
-signature=$(od -An -tx1 -N8 "$screenshot" | tr -d ' \n')
-[ "$signature" = "89504e470d0a1a0a" ] || fail "$screenshot is not a PNG ($signature)"
-# A blank page compresses to a few KB; three tables of text take far more.
+open_url "$page_url"
+# Three tables of text take far more than a blank page.
+save_screenshot "$screenshot" 20000
 bytes=$(wc -c <"$screenshot")
-[ "$bytes" -gt 20000 ] || fail "the screenshot is nearly empty ($bytes bytes)"
 
 echo "status pages rendered with their styles: $bytes bytes of PNG, scripts refused"
