@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -20,6 +22,7 @@
 
 #include "net/httpstatusserver.h"
 #include "rx/rxbroker.h"
+#include "rx/rxlivefeed.h"
 #include "rx/rxmodule.h"
 
 namespace {
@@ -45,6 +48,10 @@ class PageModule : public RX::RXModule {
   }
   std::string echo(const std::string& text) { return text; }
   void* rawAddress() { return this; }
+  RX::LiveFeed* liveFeed() override { return &feed; }
+  std::string liveTableJson() override { return R"([{"name":"<b>a</b>"}])"; }
+  std::string liveRowJson(const std::string& name) override { return R"({"name":")" + name + R"("})"; }
+  RX::LiveFeed feed;
   std::string httpGet() override {
     std::unique_lock<std::mutex> lock(mutex_);
     maxInside_ = std::max(maxInside_, ++inside_);
@@ -87,15 +94,22 @@ int connectTo(int port) {
   return fd;
 }
 
+// What the server sends until it closes, or until `until` has arrived.
+std::string receive(int fd, const std::string& until = std::string()) {
+  std::string answer;
+  char buf[4096];
+  ssize_t n;
+  while ((until.empty() || answer.find(until) == std::string::npos) && (n = ::recv(fd, buf, sizeof(buf), 0)) > 0)
+    answer.append(buf, static_cast<std::size_t>(n));
+  return answer;
+}
+
 // Sends the bytes and returns "STATUS LINE\nBODY" of the answer, or "" when
 // the server closed without one.
 std::string exchange(int port, const std::string& request) {
   int fd = connectTo(port);
   ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-  std::string answer;
-  char buf[4096];
-  ssize_t n;
-  while ((n = ::recv(fd, buf, sizeof(buf), 0)) > 0) answer.append(buf, static_cast<std::size_t>(n));
+  std::string answer = receive(fd);
   ::close(fd);
   std::size_t head = answer.find("\r\n\r\n");
   if (head == std::string::npos) return answer;
@@ -181,17 +195,79 @@ TEST(HttpStatusPolicyTest, StyleHashesAndWhichStyleBlockCounts) {
   }
 }
 
-TEST_F(HttpStatusTest, UnknownModuleIs404WithAShortText) {
-  auto res = client_->Get("/Nobody");
+const char* const kTextPolicy =
+    "default-src 'none'; script-src 'none'; object-src 'none'; style-src 'none'; base-uri 'none'; "
+    "form-action 'none'; frame-ancestors 'none'; sandbox";
+
+TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesAndPolicies) {
+  char dir[] = "/tmp/rxwebXXXXXX";
+  ASSERT_TRUE(::mkdtemp(dir));
+  for (const char* file : {"live.html", "live.js", "live.css"}) std::ofstream(std::string(dir) + "/" + file) << file;
+  net::HttpStatusServer::Options options;
+  options.webDir = dir;
+  startWith(options);
+  const std::string live = net::HttpStatusServer::livePolicy();
+  EXPECT_EQ("default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self'; "
+            "base-uri 'none'; form-action 'none'; frame-ancestors 'none'",
+            live);
+  const std::string text = "text/plain; charset=utf-8";
+  struct Case {
+    const char* path;
+    int status;
+    std::string body, type, policy;
+  } cases[] = {
+      {"/Nobody", 404, "No module named Nobody on this broker\n", text, kTextPolicy},
+      {"/Nobody/methods.json", 404, "No module named Nobody on this broker\n", text, kTextPolicy},
+      {"/live", 200, "live.html", "text/html; charset=utf-8", live},
+      {"/live/live.js", 200, "live.js", "text/javascript; charset=utf-8", live},
+      {"/live/live.css", 200, "live.css", "text/css; charset=utf-8", live},
+      {"/live/keys.json", 200,
+       R"({"module":"Pages","droppedNotifications":{"Pages":0},"keys":[{"name":"<b>a</b>"}]})"
+       "\n",
+       "application/json", live},
+      // Only the known files: nothing else of the folder, nothing above it.
+      {"/live/other.js", 404, "HTTP error 404\n", text, kTextPolicy},
+      {"/live/../live.html", 404, "HTTP error 404\n", text, kTextPolicy},
+  };
+  for (const Case& c : cases) {
+    auto res = client_->Get(c.path);
+    ASSERT_TRUE(res) << c.path;
+    EXPECT_EQ(c.status, res->status) << c.path;
+    EXPECT_EQ(c.body, res->body) << c.path;
+    EXPECT_EQ(c.type, res->get_header_value("Content-Type")) << c.path;
+    EXPECT_EQ(c.policy, res->get_header_value("Content-Security-Policy")) << c.path;
+    EXPECT_EQ(1u, res->get_header_value_count("Content-Security-Policy")) << c.path;
+  }
+  std::system(("rm -rf " + std::string(dir)).c_str());
+  startWith(net::HttpStatusServer::Options());  // no web folder
+  auto res = client_->Get("/live");
   ASSERT_TRUE(res);
   EXPECT_EQ(404, res->status);
-  EXPECT_EQ("No module named Nobody on this broker\n", res->body);
-  auto json = client_->Get("/Nobody/methods.json");
-  ASSERT_TRUE(json);
-  EXPECT_EQ(404, json->status);
-  EXPECT_EQ("default-src 'none'; script-src 'none'; object-src 'none'; style-src 'none'; base-uri 'none'; "
-            "form-action 'none'; frame-ancestors 'none'; sandbox",
-            json->get_header_value("Content-Security-Policy"));
+  EXPECT_EQ("The live view's file live.html is not installed (web folder: none)\n", res->body);
+}
+
+TEST_F(HttpStatusTest, LiveStreamsPushChangedRowsAreCappedAndEndAtStop) {
+  net::HttpStatusServer::Options options;
+  options.maxLiveStreams = 1;
+  startWith(options);
+  const std::string request = "GET /live/events HTTP/1.1\r\nHost: x\r\n\r\n";
+  int stream = connectTo(server_->port());
+  ::send(stream, request.data(), request.size(), MSG_NOSIGNAL);
+  const std::string hello = receive(stream, "event: hello\ndata: \n\n");
+  EXPECT_NE(std::string::npos, hello.find("Content-Type: text/event-stream")) << hello;
+  EXPECT_NE(std::string::npos, hello.find("Content-Security-Policy: " + net::HttpStatusServer::livePolicy())) << hello;
+  module_->feed.changed("k");
+  module_->feed.changed("k");  // pending once
+  module_->feed.changed("j");
+  const std::string rows = receive(stream, "{\"name\":\"j\"}\n\n");
+  EXPECT_NE(std::string::npos, rows.find("event: row\ndata: {\"name\":\"k\"}\n\nevent: row\ndata: {\"name\":\"j\"}"))
+      << rows;
+  EXPECT_EQ("HTTP/1.1 503 Service Unavailable\nService unavailable: 1 live streams already open (limit "
+            "maxLiveStreams = 1)\n",
+            exchange(server_->port(), "GET /live/events HTTP/1.1\r\nConnection: close\r\n\r\n"));
+  server_->stop();  // returns although the stream's client is still there
+  EXPECT_EQ(0u, server_->liveStreams());
+  ::close(stream);
 }
 
 TEST_F(HttpStatusTest, IndexAndStatusJsonShowModulesDropsAndTransportCounters) {
@@ -228,22 +304,14 @@ TEST_F(HttpStatusTest, MethodsJsonIsTheCatalogueWithTextsAndMasks) {
   EXPECT_EQ(200, res->status);
   EXPECT_EQ("application/json", res->get_header_value("Content-Type"));
   nlohmann::json doc = nlohmann::json::parse(res->body);
-  EXPECT_EQ("Pages", doc["module"]);
-  ASSERT_EQ(2u, doc["methods"].size());
-  const auto& echo = doc["methods"][0];
-  EXPECT_EQ("echo", echo["name"]);
-  EXPECT_EQ("PageModule", echo["className"]);
-  EXPECT_EQ("Returns its argument", echo["description"]);
-  EXPECT_EQ(0, echo["mask"]);
-  ASSERT_EQ(1u, echo["parameters"].size());
-  EXPECT_EQ("text", echo["parameters"][0]["name"]);
-  EXPECT_EQ("What to return", echo["parameters"][0]["description"]);
-  EXPECT_EQ("string", echo["parameters"][0]["type"]);
-  EXPECT_EQ("same", echo["return"]["name"]);
-  EXPECT_EQ("The same text", echo["return"]["description"]);
-  const auto& raw = doc["methods"][1];
-  EXPECT_EQ(4, raw["mask"]);
-  EXPECT_TRUE(raw["return"].is_null());
+  for (auto& method : doc["methods"]) method.erase("signature");
+  EXPECT_EQ(nlohmann::json::parse(R"({"module": "Pages", "description": "Serves a page with <b>markup</b>", "methods": [
+      {"name": "echo", "className": "PageModule", "description": "Returns its argument", "mask": 0,
+       "parameters": [{"name": "text", "description": "What to return", "type": "string"}],
+       "return": {"name": "same", "description": "The same text", "type": "string"}},
+      {"name": "rawAddress", "className": "PageModule", "description": "An address", "mask": 4, "parameters": [],
+       "return": null}]})"),
+            doc);
 }
 
 TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn) {
