@@ -15,7 +15,7 @@ src=$(cd "$2" && pwd -P)
 skip() { echo "SKIPPED: $*"; exit 77; }
 fail() { echo "FAILED: $*"; exit 1; }
 
-for tool in cmake cpack pkg-config readelf strings dpkg-deb dpkg-shlibdeps dpkg c++ mkfifo; do
+for tool in cmake cpack pkg-config readelf strings dpkg-deb dpkg-shlibdeps dpkg c++ mkfifo curl; do
   command -v "$tool" >/dev/null || skip "$tool is not installed (scripts/install-deps installs it)"
 done
 
@@ -100,7 +100,7 @@ start_broker() {
   local name=$1 line
   shift
   mkfifo "$work/$name.fifo"
-  "$prefix/bin/rxbroker" --no-http "$@" >"$work/$name.fifo" 2>"$work/$name.err" &
+  "$prefix/bin/rxbroker" ${http_args:---no-http} "$@" >"$work/$name.fifo" 2>"$work/$name.err" &
   brokers+=($!)
   exec {fd}<"$work/$name.fifo"
   : >"$work/$name.out"
@@ -117,6 +117,18 @@ stop_broker() {  # stop_broker: the last one started
   wait "$pid" || fail "rxbroker exited with status $? on SIGINT"
   unset 'brokers[-1]'
 }
+
+# The live view's files come from the installed data folder.
+http_args="--http 127.0.0.1:0" start_broker live --listen "unix://$work/live.sock"
+live=$(sed -n 's|^rxbroker: live view on ||p' "$work/live.out")
+[[ -n $live ]] || fail "rxbroker did not say where its live view is: $(cat "$work/live.out")"
+for file in live.html live.js live.css; do
+  path=$live/$file
+  [[ $file == live.html ]] && path=$live
+  curl -sf --max-time 10 "$path" | cmp -s - "$src/web/live/$file" ||
+    fail "$live does not serve the installed $file"
+done
+stop_broker
 
 endpoint=unix://$work/broker.sock
 start_broker main --listen "$endpoint" --module counter
@@ -174,7 +186,7 @@ for wanted in '/usr/bin/rxbroker' '/usr/bin/rxmemory' '/usr/lib/(.*/)?librxplatf
   '/usr/lib/(.*/)?rxmemory/modules/librxmemory\.so' '/usr/include/rxmemory/net/clientsession\.h' \
   '/usr/include/rxmemory/rx/rxversion\.h' '/usr/lib/(.*/)?cmake/RXMemory/RXMemoryConfigVersion\.cmake' \
   '/usr/lib/(.*/)?pkgconfig/rxmemory\.pc' '/usr/lib/systemd/system/rxbroker\.service' \
-  '/usr/share/rx/tavro/rxmemory_map_signal_event\.txt\.example'; do
+  '/usr/share/rx/tavro/rxmemory_map_signal_event\.txt\.example' '/usr/share/rx/web/live/live\.js'; do
   grep -qE "^\.$wanted\$" <<<"$files" || fail "the package has no $wanted:
 $files"
 done
