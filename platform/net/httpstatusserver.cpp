@@ -468,6 +468,8 @@ namespace {
 // and its feed reader for as long as the library holds the answer.
 class LiveStream {
  public:
+  static constexpr std::chrono::milliseconds kBatchInterval{50};
+
   // Takes one of `slots` (already counted) and gives it back when destroyed.
   LiveStream(std::atomic<std::size_t>& slots, RX::RXBroker& broker, const Options& options,
              boost::shared_ptr<RX::RXModule> module, int stopFd)
@@ -494,11 +496,18 @@ class LiveStream {
     // are already kept for it.
     if (!send("retry: 2000\nevent: hello\ndata: \n\n")) return false;
     std::string lastDropped;
-    Clock::time_point nextDroppedCheck = Clock::now();
+    Clock::time_point nextDroppedCheck = Clock::now(), nextBatch = Clock::now();
     for (;;) {
+      // At most one batch of rows per kBatchInterval: a key written without
+      // pause is then sent once per interval, not once per write.
+      const Clock::time_point now = Clock::now();
+      const bool batchDue = now >= nextBatch;
+      const int timeout = batchDue ? options_.liveHeartbeatMs
+                                   : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(nextBatch - now).count());
       pollfd fds[3] = {{socketStream->socket(), POLLIN, 0}, {stopFd_, POLLIN, 0}, {reader_->wakeFd(), POLLIN, 0}};
-      const int rc = ::poll(fds, 3, options_.liveHeartbeatMs);
+      const int rc = ::poll(fds, batchDue ? 3 : 2, timeout);
       if (rc < 0 && errno != EINTR) return false;
+      if (!batchDue) fds[2].revents = 0;
       if (fds[1].revents != 0) return false;
       if (fds[0].revents != 0) {
         // An event stream's client sends nothing: data or a hang-up ends it.
@@ -508,6 +517,7 @@ class LiveStream {
       }
       std::string batch;
       if (fds[2].revents != 0) {
+        nextBatch = Clock::now() + kBatchInterval;
         bool overflowed = false;
         const std::vector<std::string> names = reader_->take(overflowed);
         if (overflowed) batch = "event: resync\ndata: \n\n";
@@ -518,7 +528,7 @@ class LiveStream {
             batch.clear();
           }
         }
-      } else if (rc == 0) {
+      } else if (rc == 0 && batchDue) {
         batch = ": heartbeat\n\n";
       }
       if (Clock::now() >= nextDroppedCheck) {
