@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -12,8 +13,6 @@
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "brokerlink.h"
 #include "clierror.h"
@@ -136,7 +135,8 @@ void list(Run& run) {
   }
   const Glob glob(filter);
   std::vector<std::string> kept;
-  for (const std::string& name : run.call("getDataList", {mz::AnyValue(glob.longestLiteral())}).toStringList())
+  for (const std::string& name :
+       run.call("getDataList", {mz::AnyValue(glob.longestLiteral())}).toStringList())
     if (glob.matches(name)) kept.push_back(name);
   std::sort(kept.begin(), kept.end());
   run.printer.names(RX::RXValue(kept));
@@ -148,7 +148,9 @@ void microEvents(Run& run) { run.printer.names(sorted(run.call("getMicroEventLis
 
 void type(Run& run) { run.printer.text(run.call("getType", {mz::AnyValue(run.request.key)}).toStdString()); }
 
-void timestamp(Run& run) { run.printer.timestamped(run.call("getTimestamp", {mz::AnyValue(run.request.key)})); }
+void timestamp(Run& run) {
+  run.printer.timestamped(run.call("getTimestamp", {mz::AnyValue(run.request.key)}));
+}
 
 void history(Run& run) { run.printer.history(run.call("getEventHistory", {mz::AnyValue(run.request.key)})); }
 
@@ -207,23 +209,25 @@ void checkCallable(const Run& run, const mz::MetaObject& meta, const mz::Generic
   if (meta.resolve(name, params) >= 0) return;
   std::string listed = name + (overloads.size() == 1 ? " takes:" : " has these overloads:");
   for (const mz::MetaMethod& m : overloads) listed += "\n  " + m.signature();
-  throw CliError(CliError::kFailure,
-                 run.request.module + ": no method " + name + " accepting " + mz::MetaObject::describeArguments(params),
-                 listed);
+  throw CliError(
+      CliError::kFailure,
+      run.request.module + ": no method " + name + " accepting " + mz::MetaObject::describeArguments(params),
+      listed);
 }
 
 void call(Run& run) {
   mz::GenericFunctionParameters params;
   for (std::size_t i = 0; i < run.request.args.size(); ++i)
-    params.emplace_back(parseValue(run.request.args[i], "ARG " + std::to_string(i + 1),
-                                   JsonValue::Objects::AsStringMap));
+    params.emplace_back(
+        parseValue(run.request.args[i], "ARG " + std::to_string(i + 1), JsonValue::Objects::AsStringMap));
   mz::AnyObject& module = run.module();
   checkCallable(run, module.metaObject(), params);
   const mz::AnyValue result = module.call(run.request.method, params);
   // The catalogue says what came back: nothing, a list of names, or a value.
   const int uid = module.metaObject().resolve(run.request.method, params);
   const mz::ParamType returned =
-      uid >= 0 ? module.metaObject().methods.at(static_cast<std::size_t>(uid)).returnType : mz::ParamType::Value;
+      uid >= 0 ? module.metaObject().methods.at(static_cast<std::size_t>(uid)).returnType
+               : mz::ParamType::Value;
   if (returned == mz::ParamType::Void && !run.printer.json()) return;
   if (returned == mz::ParamType::StringList && result.toRXValue().isArray())
     run.printer.names(result.toRXValue());
@@ -265,8 +269,8 @@ void page(Run& run) {
   if (res->status != 200) {
     // The server says why in the first line of its answer.
     const std::string why = res->body.substr(0, res->body.find('\n'));
-    throw CliError(CliError::kFailure,
-                   "GET " + base + path + " answered " + std::to_string(res->status) + (why.empty() ? "" : ": " + why));
+    throw CliError(CliError::kFailure, "GET " + base + path + " answered " + std::to_string(res->status) +
+                                           (why.empty() ? "" : ": " + why));
   }
   run.printer.text(res->body);
 }
@@ -305,10 +309,12 @@ std::vector<Command> commands() {
        "'{\"$binary\": \"AAE=\"}')",
        [](CLI::App& c, Request& r) {
          c.add_option("KEY", r.key, "Key to write")->required();
-         c.add_option("VALUE", r.value, "The value, as JSON or a bare word (see --help of rxmemory)")->required();
+         c.add_option("VALUE", r.value, "The value, as JSON or a bare word (see --help of rxmemory)")
+             ->required();
        },
        insert},
-      {"raise", "Raise EVENT with VALUE (invalid when omitted): stored, kept in its history, sent to subscribers",
+      {"raise",
+       "Raise EVENT with VALUE (invalid when omitted): stored, kept in its history, sent to subscribers",
        "rxmemory raise Robot/Bumped '[\"left\", 2]'",
        [](CLI::App& c, Request& r) {
          c.add_option("EVENT", r.key, "Event to raise")->required();
@@ -325,7 +331,8 @@ std::vector<Command> commands() {
       {"remove", "Remove KEY from the memory", "rxmemory remove Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to remove")->required(); }, remove},
       {"list", "List the keys matching PATTERN (all keys without one), sorted",
-       "rxmemory list 'Robot/*'   (* any run of characters, ? any one; a word without them: names containing it)",
+       "rxmemory list 'Robot/*'   (* any run of characters, ? any one; a word without them: names containing "
+       "it)",
        [](CLI::App& c, Request& r) {
          c.add_option("PATTERN", r.text, "A glob with * and ?, or a part of the names (case-sensitive)");
        },
@@ -335,11 +342,15 @@ std::vector<Command> commands() {
        microEvents},
       {"type", "Print the storage class of KEY: Data, Event, MicroEvent, ...", "rxmemory type Robot/Bumped",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to look at")->required(); }, type},
-      {"timestamp", "Print the local time of the last write of KEY and its value", "rxmemory timestamp Robot/Battery",
+      {"timestamp", "Print the local time of the last write of KEY and its value",
+       "rxmemory timestamp Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to look at")->required(); }, timestamp},
-      {"history", "Print the last 50 raises of EVENT with their times, oldest first", "rxmemory history Robot/Bumped",
-       [](CLI::App& c, Request& r) { c.add_option("EVENT", r.key, "Event to look at")->required(); }, history},
-      {"describe", "Attach the free text TEXT to KEY", "rxmemory describe Robot/Battery 'charge left, in percent'",
+      {"history", "Print the last 50 raises of EVENT with their times, oldest first",
+       "rxmemory history Robot/Bumped",
+       [](CLI::App& c, Request& r) { c.add_option("EVENT", r.key, "Event to look at")->required(); },
+       history},
+      {"describe", "Attach the free text TEXT to KEY",
+       "rxmemory describe Robot/Battery 'charge left, in percent'",
        [](CLI::App& c, Request& r) {
          c.add_option("KEY", r.key, "Key to describe")->required();
          c.add_option("TEXT", r.text, "The description (plain text)")->required();
@@ -349,12 +360,14 @@ std::vector<Command> commands() {
        "rxmemory descriptions Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.keys, "Keys to look at"); }, descriptions},
       {"subscribers", "List the modules subscribed to KEY", "rxmemory subscribers Robot/Bumped",
-       [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Event or micro-event")->required(); }, subscribers},
-      {"watch",
-       "Print every raise of each KEY or PATTERN (time, key, value) until Ctrl-C or --count N lines",
+       [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Event or micro-event")->required(); },
+       subscribers},
+      {"watch", "Print every raise of each KEY or PATTERN (time, key, value) until Ctrl-C or --count N lines",
        "rxmemory watch 'Robot/*' Sonar/Near --changes --count 10\n"
-       "\"watching KEY...\" on stderr says it is ready. A PATTERN (* and ?) follows the keys it matches, also\n"
-       "those added later (printed once marked (new)), and creates none; a plain KEY missing from the memory\n"
+       "\"watching KEY...\" on stderr says it is ready. A PATTERN (* and ?) follows the keys it matches, "
+       "also\n"
+       "those added later (printed once marked (new)), and creates none; a plain KEY missing from the "
+       "memory\n"
        "is declared as an event.\n"
        "A broker that goes away is waited for, and followed again when it is back.",
        [](CLI::App& c, Request& r) {
@@ -376,12 +389,14 @@ std::vector<Command> commands() {
       {"page", "Print the HTML status page of --module, fetched from --http", "rxmemory page > memory.html",
        [](CLI::App&, Request&) {}, page},
       {"call", "Call any published METHOD of --module with JSON ARGs and print the result",
-       "rxmemory call insertData Robot/Speed 0.5;  rxmemory call addMapping Sonar '{\"near\": \"Sonar/Near\"}'",
+       "rxmemory call insertData Robot/Speed 0.5;  rxmemory call addMapping Sonar '{\"near\": "
+       "\"Sonar/Near\"}'",
        [](CLI::App& c, Request& r) {
          c.add_option("METHOD", r.method, "Published method name (overloads are told apart by the ARGs)")
              ->required();
-         c.add_option("ARG", r.args,
-                      "Arguments as JSON or bare words; a JSON object of strings is a map from string to string");
+         c.add_option(
+             "ARG", r.args,
+             "Arguments as JSON or bare words; a JSON object of strings is a map from string to string");
        },
        call},
   };
@@ -410,7 +425,8 @@ std::string helpOf(const CLI::App& app) {
 // How to get that help.
 std::string helpLine(const CLI::App& app) {
   const auto selected = app.get_subcommands();
-  return "see `rxmemory " + (selected.empty() ? std::string() : selected.front()->get_name() + " ") + "--help`";
+  return "see `rxmemory " + (selected.empty() ? std::string() : selected.front()->get_name() + " ") +
+         "--help`";
 }
 
 // The long option names known where `app` stands: its own and its command's.
@@ -441,6 +457,16 @@ std::string origin(const std::vector<std::string>& words, const std::string& opt
   return std::getenv(variable) != nullptr ? std::string(" (from ") + variable + ")" : std::string();
 }
 
+// CLI11's own range check prints its bounds as 300-digit numbers.
+const CLI::Validator kPositiveSeconds(
+    [](std::string& text) {
+      double seconds = 0;
+      return CLI::detail::lexical_cast(text, seconds) && seconds > 0
+                 ? std::string()
+                 : "expected a number of seconds above 0, got " + text;
+    },
+    "SECONDS");
+
 const char* const kGlobalOptions =
     "Options of rxmemory (--url, --timeout, --json, --module, --http) go before or after the command: "
     "see rxmemory --help.";
@@ -464,7 +490,7 @@ int Cli::run(int argc, const char* const* argv) {
       ->envname("RXMEMORY_URL");
   app.add_option("--timeout", request.timeoutSeconds, "Seconds allowed for connecting and for each reply")
       ->capture_default_str()
-      ->check(CLI::PositiveNumber);
+      ->check(kPositiveSeconds);
   app.add_flag("--json", request.json, "Print results as JSON, one document per line");
   app.add_option("--module", request.module, "Module for methods, page and call")->capture_default_str();
   app.add_option("--http", request.http, "Base URL of the broker's status pages, for page")
@@ -504,7 +530,8 @@ int Cli::run(int argc, const char* const* argv) {
     const bool unknownCommand = app.get_subcommands().empty() && !rest.empty() && rest.front()[0] != '-';
     std::string hint;
     if (!rest.empty()) hint = suggestionFor(app, rest.front());
-    err_ << "error: " << unmarked(unknownCommand ? "unknown command '" + rest.front() + "'" : e.what()) << "\n";
+    err_ << "error: " << unmarked(unknownCommand ? "unknown command '" + rest.front() + "'" : e.what())
+         << "\n";
     if (!hint.empty()) err_ << hint << "\n";
     err_ << helpLine(app) << "\n";
     return CliError::kUsage;

@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <cstdio>
-
 #include <nlohmann/json.hpp>
 
 #include "jsonvalue.h"
@@ -136,7 +135,8 @@ void Printer::catalogue(const std::string& module, const mz::MetaObject& meta, c
     for (const mz::MetaParameter& p : m.parameters) out_ << "    " << p.name << ": " << p.description << '\n';
     if (m.hasReturn) out_ << "    returns " << m.returnName << ": " << m.returnDescription << '\n';
     // Mask 4: the result is an address only valid in the module's process.
-    if (m.mask != 0) out_ << "    mask " << m.mask << (m.mask == 4 ? ": not callable from another process" : "") << '\n';
+    if (m.mask != 0)
+      out_ << "    mask " << m.mask << (m.mask == 4 ? ": not callable from another process" : "") << '\n';
   }
 }
 

@@ -116,7 +116,8 @@ struct Names {
     }
   }
   bool matches(const std::string& key) const {
-    return exact.count(key) > 0 || std::any_of(globs.begin(), globs.end(), [&](const Glob& g) { return g.matches(key); });
+    return exact.count(key) > 0 ||
+           std::any_of(globs.begin(), globs.end(), [&](const Glob& g) { return g.matches(key); });
   }
   std::set<std::string> exact;
   std::vector<Glob> globs;
@@ -161,8 +162,8 @@ struct Shared {
   unsigned int seen = 0;
   bool done = false;
   bool wakePending = false;
-  bool lost = false;  // the broker went away since the last look
-  bool back = false;  // and came back
+  bool lost = false;               // the broker went away since the last look
+  bool back = false;               // and came back
   std::vector<std::string> added;  // matching keys the memory announced
   bool relist = false;             // `added` overflowed
   // The values printed as raises, with the poll generation they came in, for
@@ -174,8 +175,8 @@ struct Shared {
 // One run of `watch`: everything below runs on the thread that called run().
 class WatchRun {
  public:
-  WatchRun(net::ClientSession& session, mz::AnyObject& memory, std::ostream& err, const Watcher::Options& options,
-           std::shared_ptr<Shared> shared)
+  WatchRun(net::ClientSession& session, mz::AnyObject& memory, std::ostream& err,
+           const Watcher::Options& options, std::shared_ptr<Shared> shared)
       : session_(session), memory_(memory), err_(err), options_(options), shared_(std::move(shared)) {}
 
   // Follows everything there is to follow now. `first`: a plain name that
@@ -210,7 +211,8 @@ class WatchRun {
     if (shared_->names.globs.empty()) return;
     std::set<std::string> present;
     for (const Glob& glob : shared_->names.globs) {
-      const RX::RXValue names = memory_.call("getDataList", {mz::AnyValue(glob.longestLiteral())}).toRXValue();
+      const RX::RXValue names =
+          memory_.call("getDataList", {mz::AnyValue(glob.longestLiteral())}).toRXValue();
       for (const std::string& name : names.toStringList())
         if (glob.matches(name)) present.insert(name);
     }
@@ -249,7 +251,8 @@ class WatchRun {
     }
     // Changes seen one poll ago: a raise behind one had a whole interval to arrive.
     for (const auto& [key, change] : pending_)
-      if (!wasRaised(key, change.value)) print(Printer::Change::kWrite, key, change.value, change.seconds, change.micros);
+      if (!wasRaised(key, change.value))
+        print(Printer::Change::kWrite, key, change.value, change.seconds, change.micros);
     pending_.clear();
     for (const auto& entry : followed_) {
       const std::string& key = entry.first;
@@ -296,7 +299,8 @@ class WatchRun {
     if (connected.wait(options_.timeout) == mz::FutureState::Running)
       throw CliError(CliError::kFailure, "no answer within " + std::to_string(options_.timeout.count()) +
                                              " ms while connecting to the signal of " + key);
-    if (!connected.hasValue()) throw CliError(CliError::kFailure, "cannot follow " + key + ": " + connected.error());
+    if (!connected.hasValue())
+      throw CliError(CliError::kFailure, "cannot follow " + key + ": " + connected.error());
     return Followed{signalObject, connected.value()};
   }
 
@@ -322,11 +326,12 @@ class WatchRun {
       }
       s->emit(Printer::Change::kRaise, key, when, v);
     });
-    if (!options_.changes) return;
-    // The baseline of later polls; a key that appeared is shown as it came.
+    if (!options_.changes && !announce) return;
+    // The baseline of later polls; a key that appeared is shown as it came
+    // (the raise that made it was sent before anyone could follow it).
     const RX::RXValue stamped = memory_.call("getTimestamp", {mz::AnyValue(key)}).toRXValue();
     if (!(stamped.isArray() && stamped.getSize() == 3)) return;
-    stamps_[key] = Stamp{stamped[1].toInt(), stamped[2].toInt()};
+    if (options_.changes) stamps_[key] = Stamp{stamped[1].toInt(), stamped[2].toInt()};
     if (announce) print(Printer::Change::kNew, key, stamped[0], stamped[1].toInt(), stamped[2].toInt());
   }
 
@@ -342,7 +347,8 @@ class WatchRun {
     return true;
   }
 
-  void print(Printer::Change kind, const std::string& key, const RX::RXValue& value, int seconds, int micros) {
+  void print(Printer::Change kind, const std::string& key, const RX::RXValue& value, int seconds,
+             int micros) {
     // A key made by a subscription carries no write time: show when it was seen.
     const auto when = seconds == 0 && micros == 0
                           ? std::chrono::system_clock::now()
@@ -360,7 +366,7 @@ class WatchRun {
 
   Followed keyAdded_;
   std::map<std::string, Followed> followed_;
-  std::map<std::string, Stamp> stamps_;  // --changes: the last write time seen
+  std::map<std::string, Stamp> stamps_;    // --changes: the last write time seen
   std::map<std::string, Change> pending_;  // --changes: changes to print at the next poll
 };
 
@@ -372,7 +378,8 @@ Watcher::Watcher(net::ClientSession& session, mz::AnyObject memory, Printer& pri
 void Watcher::run(const Options& options) {
   WakePipe pipe;
   StopSignals stopSignals(pipe.writeEnd());
-  auto shared = std::make_shared<Shared>(printer_, pipe, Names(options.names), options.count, options.changes);
+  auto shared =
+      std::make_shared<Shared>(printer_, pipe, Names(options.names), options.count, options.changes);
   WatchRun watch(session_, memory_, err_, options, shared);
 
   auto onConnection = [weak = std::weak_ptr<Shared>(shared)](bool back) {
@@ -431,7 +438,8 @@ void Watcher::run(const Options& options) {
     try {
       if (lost) {
         if (connected)
-          err_ << "broker gone, waiting for it at " << session_.endpoint() << "... (Ctrl-C to stop)" << std::endl;
+          err_ << "broker gone, waiting for it at " << session_.endpoint() << "... (Ctrl-C to stop)"
+               << std::endl;
         connected = false;
         watch.forget();
       }

@@ -8,15 +8,18 @@
 // appear later are followed too, as soon as the memory's "RXMemory/KeyAdded"
 // event names them, and at the latest at the next listing (every
 // Options::listInterval; it also finds keys made without that event). A plain
-// name is followed as today: a key missing from the memory is declared as an
-// event by the memory (that is how it hands out a key's signal).
+// name is followed whether it exists or not: a key missing from the memory is
+// declared as an event by the memory (that is how it hands out a key's signal).
+//
+// A key matching a pattern that appears while watching is printed once with
+// its value, marked "(new)": the raise that made it was sent before it could
+// be followed.
 //
 // With Options::changes, plain writes, which notify nobody, are found by
 // polling the followed keys' timestamps every Options::interval and printed
-// marked "(write)", together with matching keys that appeared ("(new)"). A
-// raise also renews the timestamp: a change whose value was printed as a raise
-// within one interval is not printed again as a write. Writes closer together
-// than the interval show as the last of them.
+// marked "(write)". A raise also renews the timestamp: a change whose value
+// was printed as a raise within one interval is not printed again as a write.
+// Writes closer together than the interval show as the last of them.
 //
 // The broker going away does not end the watch: the session reconnects (the
 // broker may restart on the same address), the watcher says so on `err` and
@@ -46,8 +49,8 @@ class Printer;
 class Watcher {
  public:
   struct Options {
-    std::vector<std::string> names;  // key names and patterns
-    unsigned int count = 0;          // stop after this many lines; 0: never
+    std::vector<std::string> names;           // key names and patterns
+    unsigned int count = 0;                   // stop after this many lines; 0: never
     std::chrono::milliseconds timeout{3000};  // for each reply of the broker
     bool changes = false;                     // also poll for plain writes
     std::chrono::milliseconds interval{100};  // between two polls of the timestamps
