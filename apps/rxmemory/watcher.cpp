@@ -126,6 +126,9 @@ struct Names {
 // Bounds on what the session's threads may queue for the waiting thread.
 constexpr std::size_t kMaxAddedQueued = 1024;  // beyond: list the keys again instead
 constexpr std::size_t kMaxRaisesKept = 64;     // per key, for telling raises from writes
+// How long a key that appeared waits for the raise that made it before it is
+// shown as "(new)": that raise is sent around the time the key is followed.
+constexpr std::chrono::milliseconds kFreshGrace{300};
 
 // What the callbacks share with the waiting thread. Callbacks may still run
 // after run() returned (until the session is closed), so they hold it by
@@ -170,6 +173,16 @@ struct Shared {
   // the poll not to print their timestamps' changes as writes.
   std::uint64_t generation = 0;
   std::map<std::string, std::deque<std::pair<RX::RXValue, std::uint64_t>>> raised;
+  // Keys that appeared, while it is not known whether the raise that made
+  // them reaches their new link: shown "(new)" only when it does not.
+  struct Fresh {
+    std::vector<RX::RXValue> seen;  // raised while being followed, before `armed`
+    bool armed = false;             // value and deadline known
+    RX::RXValue value;
+    std::chrono::system_clock::time_point written;
+    Clock::time_point deadline;
+  };
+  std::map<std::string, Fresh> fresh;
 };
 
 // One run of `watch`: everything below runs on the thread that called run().
@@ -235,6 +248,10 @@ class WatchRun {
 
   // The broker is gone: what was followed there is gone with it.
   void forget() {
+    {
+      std::lock_guard<std::mutex> lock(shared_->mutex);
+      shared_->fresh.clear();
+    }
     followed_.clear();
     keyAdded_ = Followed();
     stamps_.clear();
@@ -305,6 +322,10 @@ class WatchRun {
   }
 
   void followKey(const std::string& key, bool announce) {
+    if (announce) {
+      std::lock_guard<std::mutex> lock(shared_->mutex);
+      shared_->fresh[key] = Shared::Fresh();
+    }
     auto old = followed_.find(key);
     if (old != followed_.end()) {
       // Both links on one key would print its raises twice.
@@ -319,6 +340,14 @@ class WatchRun {
       const RX::RXValue v = value.isRXValue() ? value.toRXValue() : RX::RXValue(value.describe());
       std::lock_guard<std::mutex> lock(s->mutex);
       if (s->done) return;
+      auto fresh = s->fresh.find(key);
+      if (fresh != s->fresh.end()) {
+        // The raise that made the key, printed as what it is: no "(new)" line.
+        if (fresh->second.armed && fresh->second.value == v)
+          s->fresh.erase(fresh);
+        else if (!fresh->second.armed && fresh->second.seen.size() < kMaxRaisesKept)
+          fresh->second.seen.push_back(v);
+      }
       if (s->trackRaises) {
         auto& values = s->raised[key];
         if (values.size() == kMaxRaisesKept) values.pop_front();
@@ -327,12 +356,52 @@ class WatchRun {
       s->emit(Printer::Change::kRaise, key, when, v);
     });
     if (!options_.changes && !announce) return;
-    // The baseline of later polls; a key that appeared is shown as it came
-    // (the raise that made it was sent before anyone could follow it).
     const RX::RXValue stamped = memory_.call("getTimestamp", {mz::AnyValue(key)}).toRXValue();
     if (!(stamped.isArray() && stamped.getSize() == 3)) return;
+    // The baseline of later polls.
     if (options_.changes) stamps_[key] = Stamp{stamped[1].toInt(), stamped[2].toInt()};
-    if (announce) print(Printer::Change::kNew, key, stamped[0], stamped[1].toInt(), stamped[2].toInt());
+    if (!announce) return;
+    // The raise that made the key may have been sent before the link was
+    // made, or after: the key is shown as it came unless that raise arrives
+    // within the grace period (or has arrived already).
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    auto fresh = shared_->fresh.find(key);
+    if (fresh == shared_->fresh.end()) return;
+    const std::vector<RX::RXValue>& seen = fresh->second.seen;
+    if (std::find(seen.begin(), seen.end(), stamped[0]) != seen.end()) {
+      shared_->fresh.erase(fresh);
+      return;
+    }
+    fresh->second = Shared::Fresh{
+        {}, true, stamped[0], writeTime(stamped[1].toInt(), stamped[2].toInt()), Clock::now() + kFreshGrace};
+  }
+
+ public:
+  // Prints "(new)" for the keys whose grace period has passed; returns when
+  // the next one ends (or `until`).
+  Clock::time_point flushFresh(Clock::time_point until) {
+    const auto now = Clock::now();
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    for (auto it = shared_->fresh.begin(); it != shared_->fresh.end() && !shared_->done;) {
+      if (!it->second.armed) {
+        ++it;
+      } else if (it->second.deadline <= now) {
+        shared_->emit(Printer::Change::kNew, it->first, it->second.written, it->second.value);
+        it = shared_->fresh.erase(it);
+      } else {
+        until = std::min(until, it->second.deadline);
+        ++it;
+      }
+    }
+    return until;
+  }
+
+ private:
+  static std::chrono::system_clock::time_point writeTime(int seconds, int micros) {
+    // A key made by a subscription carries no write time: show when it was seen.
+    if (seconds == 0 && micros == 0) return std::chrono::system_clock::now();
+    return std::chrono::system_clock::time_point(std::chrono::seconds(seconds) +
+                                                 std::chrono::microseconds(micros));
   }
 
   // True (and forgotten) when `value` was printed as a raise of `key` lately.
@@ -349,11 +418,7 @@ class WatchRun {
 
   void print(Printer::Change kind, const std::string& key, const RX::RXValue& value, int seconds,
              int micros) {
-    // A key made by a subscription carries no write time: show when it was seen.
-    const auto when = seconds == 0 && micros == 0
-                          ? std::chrono::system_clock::now()
-                          : std::chrono::system_clock::time_point(std::chrono::seconds(seconds) +
-                                                                  std::chrono::microseconds(micros));
+    const auto when = writeTime(seconds, micros);
     std::lock_guard<std::mutex> lock(shared_->mutex);
     if (!shared_->done) shared_->emit(kind, key, when, value);
   }
@@ -422,6 +487,7 @@ void Watcher::run(const Options& options) {
     auto until = Clock::now() + std::chrono::seconds(60);
     if (connected && !shared->names.globs.empty()) until = std::min(until, nextList);
     if (connected && options.changes) until = std::min(until, nextPoll);
+    until = watch.flushFresh(until);
     if (pipe.wait(until)) break;
 
     bool lost, back, relist;

@@ -16,6 +16,8 @@ namespace {
 using clitest::CliProcess;
 using nlohmann::json;
 
+const std::regex kIsoTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
+
 // rxbroker on `listen` (a free TCP port by default), its status pages on a
 // free port and its data path in a temporary directory.
 class Broker {
@@ -94,25 +96,15 @@ class CliE2E : public ::testing::Test {
 std::unique_ptr<Broker> CliE2E::broker_;
 
 TEST_F(CliE2E, EveryValueKindRoundTripsThroughInsertAndGet) {
-  const std::vector<std::vector<std::string>> cases = {
-      // typed, get, get --json
-      {"5", "5", "5"},
-      {"-5", "-5", "-5"},
-      {"5.0", "5.0", "5.0"},
-      {"0.1", "0.1", "0.1"},
-      {"-2.5e-3", "-0.0025", "-0.0025"},
-      {"true", "true", "true"},
-      {"\"5\"", "\"5\"", "\"5\""},
-      {"\"a b\"", "\"a b\"", "\"a b\""},
-      {"bare", "\"bare\"", "\"bare\""},
-      {"two words", "\"two words\"", "\"two words\""},
-      {"", "\"\"", "\"\""},
-      {"\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\""},
-      {"null", "invalid", "null"},
+  // clang-format off
+  const std::vector<std::vector<std::string>> cases = {  // typed, get, get --json
+      {"5", "5", "5"}, {"-5", "-5", "-5"}, {"5.0", "5.0", "5.0"}, {"0.1", "0.1", "0.1"}, {"true", "true", "true"},
+      {"-2.5e-3", "-0.0025", "-0.0025"}, {"\"5\"", "\"5\"", "\"5\""}, {"\"a b\"", "\"a b\"", "\"a b\""},
+      {"bare", "\"bare\"", "\"bare\""}, {"two words", "\"two words\"", "\"two words\""}, {"", "\"\"", "\"\""},
+      {"\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\""}, {"null", "invalid", "null"},
       {"[1, \"a\", [2.5, null, false]]", "[1, \"a\", [2.5, invalid, false]]", "[1,\"a\",[2.5,null,false]]"},
-      {"[]", "[]", "[]"},
-      {"{\"$binary\": \"AAEC/w==\"}", "<binary 4 bytes>", "{\"$binary\":\"AAEC/w==\"}"},
-  };
+      {"[]", "[]", "[]"}, {"{\"$binary\": \"AAEC/w==\"}", "<binary 4 bytes>", "{\"$binary\":\"AAEC/w==\"}"}};
+  // clang-format on
   for (std::size_t n = 0; n < cases.size(); ++n) {
     SCOPED_TRACE("typed: " + cases[n][0]);
     const std::string key = "rt/" + std::to_string(n);
@@ -130,28 +122,24 @@ TEST_F(CliE2E, EveryValueKindRoundTripsThroughInsertAndGet) {
 TEST_F(CliE2E, FailuresSayWhatWentWrongAndWhatThereIs) {
   ok({"insert", "fail/a", "1"});
   const std::string url = broker_->url, http = broker_->http;
+  // clang-format off
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"get", "rt/none"}, "error: RXMemory::getData: Data not found rt/none\n"},
       {{"get", "fail/a", "fail/missing"}, "error: RXMemory::getData: Data not found fail/missing\n"},
       {{"remove", "fail/missing"}, "error: RXMemory::removeData: Data not found fail/missing\n"},
       {{"describe", "fail/missing", "text"}, "error: RXMemory::setDescription: fail/missing not found\n"},
-      {{"call", "getDataPtr", "fail/a"},
-       "error: RXMemory::getDataPtr: getDataPtr returns an address that is only valid inside the broker "
-       "process and "
-       "cannot be called remotely\n"},
-      {{"call", "getData", "5"},
-       "error: RXMemory: no method getData accepting (int)\ngetData has these overloads:\n"
-       "  RXValue getData(string key)\n  RXValue getData(string key, int deprecatedParameter)\n"},
+      {{"call", "getDataPtr", "fail/a"}, "error: RXMemory::getDataPtr: getDataPtr returns an address that is "
+       "only valid inside the broker process and cannot be called remotely\n"},
+      {{"call", "getData", "5"}, "error: RXMemory: no method getData accepting (int)\ngetData has these "
+       "overloads:\n  RXValue getData(string key)\n  RXValue getData(string key, int deprecatedParameter)\n"},
       {{"call", "raiseEvnt", "E"}, "error: RXMemory: no method named raiseEvnt\ndid you mean raiseEvent?\n"},
       {{"call", "nosuch"}, "error: RXMemory: no method named nosuch\n"},
-      {{"methods", "getdata"},
-       "error: RXMemory has no method named getdata\ndid you mean getData, getDataList or "
-       "getDataListName?\n"},
-      {{"--module", "Nobody", "methods"},
-       "error: no module Nobody at " + url + " (Service not found: Nobody)\n"},
+      {{"methods", "getdata"}, "error: RXMemory has no method named getdata\n"
+       "did you mean getData, getDataList or getDataListName?\n"},
+      {{"--module", "Nobody", "methods"}, "error: no module Nobody at " + url + " (Service not found: Nobody)\n"},
       {{"--module", "Nobody", "page"},
-       "error: GET " + http + "/Nobody answered 404: No module named Nobody on this broker\n"},
-  };
+       "error: GET " + http + "/Nobody answered 404: No module named Nobody on this broker\n"}};
+  // clang-format on
   for (const auto& [args, err] : cases) {
     SCOPED_TRACE(args[1]);
     const Outcome o = rx(args);
@@ -174,51 +162,37 @@ TEST_F(CliE2E, EventsListsDescriptionsAndHistory) {
   ok({"insert", "ev/sub/deep", "8"});
   ok({"call", "subscribeToEvent", "ev/Bump", "SomeModule", "onEvent"});
   ok({"describe", "ev/data", "seven, as a test"});
+  const std::string all = "ev/Bump\nev/Empty\nev/Near\nev/data\nev/sub/deep\n";
+  // clang-format off
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"list", "ev/"}, "ev/Bump\nev/Empty\nev/Near\nev/data\nev/sub/deep\n"},  // a word: part of the names
-      {{"list", "ev/", "--json"}, "[\"ev/Bump\",\"ev/Empty\",\"ev/Near\",\"ev/data\",\"ev/sub/deep\"]\n"},
-      {{"list", "v/"}, "ev/Bump\nev/Empty\nev/Near\nev/data\nev/sub/deep\n"},
-      {{"list", "ev/*"}, "ev/Bump\nev/Empty\nev/Near\nev/data\nev/sub/deep\n"},  // a glob: whole names
-      {{"list", "v/*"}, ""},
-      {{"list", "ev/?ump"}, "ev/Bump\n"},
+      {{"list", "ev/"}, all}, {{"list", "v/"}, all}, {{"list", "no-such-part"}, ""},  // a word: part of names
+      {{"list", "ev/*"}, all}, {{"list", "v/*"}, ""}, {{"list", "ev/?ump"}, "ev/Bump\n"},  // a glob: whole names
       {{"list", "*/d?t?"}, "ev/data\n"},
-      {{"list", "no-such-part"}, ""},
-      {{"type", "ev/Bump"}, "Event\n"},
-      {{"type", "ev/Near"}, "MicroEvent\n"},
-      {{"type", "ev/Bump", "--json"}, "\"Event\"\n"},
-      {{"get", "ev/Empty"}, "invalid\n"},
-      {{"subscribers", "ev/Bump"}, "SomeModule\n"},
-      {{"subscribers", "ev/Near", "--json"}, "[]\n"},
-      {{"history", "ev/Near"}, "invalid\n"},  // micro-events keep no history
+      {{"list", "ev/", "--json"}, "[\"ev/Bump\",\"ev/Empty\",\"ev/Near\",\"ev/data\",\"ev/sub/deep\"]\n"},
+      {{"type", "ev/Bump"}, "Event\n"}, {{"type", "ev/Near"}, "MicroEvent\n"}, {{"get", "ev/Empty"}, "invalid\n"},
+      {{"type", "ev/Bump", "--json"}, "\"Event\"\n"}, {{"subscribers", "ev/Bump"}, "SomeModule\n"},
+      {{"subscribers", "ev/Near", "--json"}, "[]\n"}, {{"history", "ev/Near"}, "invalid\n"},  // no history
       {{"descriptions", "ev/data", "ev/Bump"}, "ev/data (data): seven, as a test\nev/Bump (event)\n"},
-      {{"descriptions", "ev/data", "ev/Bump", "--json"},
-       R"([{"description":"seven, as a test","kind":"data","name":"ev/data"},)"
-       R"({"description":"","kind":"event","name":"ev/Bump"}])"
-       "\n"},
-  };
+      {{"descriptions", "ev/data", "ev/Bump", "--json"}, R"([{"description":"seven, as a test","kind":"data",)"
+       R"("name":"ev/data"},{"description":"","kind":"event","name":"ev/Bump"}])" "\n"}};
+  // clang-format on
   for (const auto& [args, out] : cases) EXPECT_EQ(out, ok(args)) << args[0] << " " << args[1];
   EXPECT_NE(std::string::npos, ok({"events"}).find("\nev/Bump\n"));
   EXPECT_NE(std::string::npos, ok({"descriptions"}).find("ev/data (data): seven, as a test\n"));
 
   // Times: local and readable, or named fields with --json.
-  const std::regex stamped(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} (.*)\n)");
-  const std::regex history(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} 1\n\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[2, "x"\]\n)");
-  EXPECT_TRUE(std::regex_match(ok({"history", "ev/Bump"}), history));
-  std::smatch m;
-  const std::string stamp = ok({"timestamp", "ev/data"});
-  ASSERT_TRUE(std::regex_match(stamp, m, stamped)) << stamp;
-  EXPECT_EQ("7", m[1].str());
+  const std::string stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )";
+  EXPECT_TRUE(
+      std::regex_match(ok({"history", "ev/Bump"}), std::regex(stamp + "1\n" + stamp + R"(\[2, "x"\]\n)")));
+  EXPECT_TRUE(std::regex_match(ok({"timestamp", "ev/data"}), std::regex(stamp + "7\n")));
   const json t = json::parse(ok({"timestamp", "ev/data", "--json"}));
   EXPECT_EQ(7, t["value"]);
-  const std::regex iso(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
-  EXPECT_TRUE(std::regex_match(t["time"].get<std::string>(), iso)) << t;
+  EXPECT_TRUE(std::regex_match(t["time"].get<std::string>(), kIsoTime)) << t;
   EXPECT_EQ(t["microseconds"].get<int>(), std::stoi(t["time"].get<std::string>().substr(20, 6))) << t;
   const json h = json::parse(ok({"history", "ev/Bump", "--json"}));
   ASSERT_EQ(2u, h.size()) << h;
   EXPECT_EQ(json::parse("[2, \"x\"]"), h[1]["value"]);
   EXPECT_LE(h[0]["seconds"].get<long>(), h[1]["seconds"].get<long>());
-
   ok({"remove", "ev/data"});
   EXPECT_EQ("", ok({"list", "ev/data"}));
 }
@@ -242,8 +216,7 @@ TEST_F(CliE2E, WatchPrintsRaisesOfEveryKeyUntilTheCount) {
   EXPECT_EQ(json::parse(R"({"$binary": "AAE="})"), j["value"]);
   EXPECT_EQ("w/New", j["key"]);
   EXPECT_EQ("raise", j["kind"]);
-  EXPECT_TRUE(
-      std::regex_match(j["time"].get<std::string>(), std::regex(R"(\d{4}-\d\d-\d\dT[0-9:]{8}\.\d{6}Z)")));
+  EXPECT_TRUE(std::regex_match(j["time"].get<std::string>(), kIsoTime)) << j;
   EXPECT_EQ(0, json1.finish());
 }
 
@@ -254,8 +227,10 @@ TEST_F(CliE2E, WatchPatternFollowsKeysAddedLaterAndCreatesNone) {
   EXPECT_EQ("pat/A\n", ok({"list", "pat"}));
   ok({"raise", "pat/A", "1"});
   EXPECT_EQ("pat/A 1", nextChange(watch));
-  ok({"raise", "pat/B", "2"});  // a new key: shown as it came, then followed
-  EXPECT_EQ("pat/B 2 (new)", nextChange(watch));
+  ok({"raise", "pat/B",
+      "2"});  // a new key: its raise, or, when that went before the key was followed, the key
+  const std::string created = nextChange(watch);
+  EXPECT_TRUE(created == "pat/B 2 (new)" || created == "pat/B 2") << created;
   ok({"raise", "pat/B", "3"});
   EXPECT_EQ("pat/B 3", nextChange(watch));
   ok({"call", "subscriber", "pat/C"});  // made without "RXMemory/KeyAdded": found by listing
@@ -291,7 +266,8 @@ TEST_F(CliE2E, WatchFollowsAgainAfterTheBrokerRestarts) {
   ok({"raise", "rs/K", "1"}, broker.get());
   EXPECT_EQ("rs/K 1", nextChange(watch));
   ok({"raise", "rs/L", "2"}, broker.get());
-  EXPECT_EQ("rs/L 2 (new)", nextChange(watch));
+  const std::string created = nextChange(watch);
+  EXPECT_TRUE(created == "rs/L 2 (new)" || created == "rs/L 2") << created;
   watch.kill(SIGTERM);
   EXPECT_EQ(0, watch.finish());
 }
@@ -355,8 +331,7 @@ TEST_F(CliE2E, PageShowsTheMemory) {
   ok({"insert", "page/Key", "\"page value\""}, &broker);
   const std::string html = ok({"page"}, &broker);
   EXPECT_EQ(0u, html.find("<html><head>"));
-  EXPECT_NE(std::string::npos, html.find("<tr><td>page/Key</td><td>\nstring</td>\n<td>\"page value\"</td>"))
-      << html;
+  EXPECT_NE(std::string::npos, html.find("<tr><td>page/Key</td><td>\nstring</td>\n<td>\"page value\"</td>"));
   EXPECT_NE(std::string::npos,
             json::parse(ok({"page", "--json"}, &broker)).get<std::string>().find("page/Key"));
   ok({"insert", "page/Bin", "{\"$binary\": \"AAE=\"}"}, &broker);
@@ -378,15 +353,13 @@ TEST_F(CliE2E, EnvironmentAndCompletionFindTheBroker) {
   EXPECT_EQ(0u, badEnv.err().find("error: bad --url (from RXMEMORY_URL): invalid endpoint 'nowhere'"));
 
   // Words typed so far -> what Tab offers.
+  // clang-format off
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"ca"}, "call"},
-      {{"micro"}, "micro-events"},
-      {{"get", "--js"}, "--json"},
-      {{"watch", "--ch"}, "--changes"},
+      {{"ca"}, "call"}, {{"micro"}, "micro-events"}, {{"get", "--js"}, "--json"}, {{"watch", "--ch"}, "--changes"},
       {{"--url", broker_->url, "call", "getDataL"}, "getDataList getDataListName"},
       {{"--url", broker_->url, "get", "env/"}, "env/K"},
-      {{"--url", "tcp://127.0.0.1:1", "call", "get"}, ""},  // no broker: nothing, quickly
-  };
+      {{"--url", "tcp://127.0.0.1:1", "call", "get"}, ""}};  // no broker: nothing, quickly
+  // clang-format on
   for (const auto& [words, offered] : cases) {
     std::vector<std::string> args = {"/bin/bash", "-c",
                                      "source \"$0\"; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _rxmemory; "

@@ -32,36 +32,17 @@ RXValue array(std::initializer_list<RXValue> items) {
   return a;
 }
 
-TEST(JsonValue, ArgumentsBecomeEveryKindAndTextThatIsNotJsonAString) {
+// The kinds typed and printed end to end are in cli_e2e_test; here the edges.
+TEST(JsonValue, ArgumentsAtTheEdgesOfJson) {
+  // clang-format off
   const std::vector<std::pair<std::string, RXValue>> cases = {
-      {"5", RXValue(5)},
-      {"-5", RXValue(-5)},
-      {"5.5", RXValue(5.5f)},
-      {"5.0", RXValue(5.0f)},  // a fraction makes a float
-      {"1e3", RXValue(1000.0f)},
-      {"true", RXValue(true)},
-      {" false ", RXValue(false)},
-      {"\"a b\"", RXValue("a b")},
-      {"\"5\"", RXValue("5")},
-      {"null", RXValue()},
-      {"{\"$binary\": \"AAEC\"}", RXValue(RXValue::Binary{0, 1, 2})},
-      {"{\"$binary\": \"\"}", RXValue(RXValue::Binary{})},
-      {"[1, \"a\", [2.5, null]]", array({RXValue(1), RXValue("a"), array({RXValue(2.5f), RXValue()})})},
-      {"[]", RXValue::array()},
-      {"2147483647", RXValue(2147483647)},
-      {"-2147483648", RXValue(-2147483647 - 1)},
+      {"5.5", RXValue(5.5f)}, {"1e3", RXValue(1000.0f)}, {" false ", RXValue(false)},
+      {"2147483647", RXValue(2147483647)}, {"-2147483648", RXValue(-2147483647 - 1)},
+      {"[1, [2.5, null]]", array({RXValue(1), array({RXValue(2.5f), RXValue()})})},
       // Not JSON: the text itself.
-      {"word", RXValue("word")},
-      {"a b", RXValue("a b")},
-      {"", RXValue("")},
-      {"Robot/Battery", RXValue("Robot/Battery")},
-      {"NaN", RXValue("NaN")},
-      {"5 6", RXValue("5 6")},
-      {"[1, 2", RXValue("[1, 2")},
-      {"{\"a\":}", RXValue("{\"a\":}")},
-      {"'x'", RXValue("'x'")},
-      {"True", RXValue("True")},
-  };
+      {"NaN", RXValue("NaN")}, {"5 6", RXValue("5 6")}, {"[1, 2", RXValue("[1, 2")},
+      {"{\"a\":}", RXValue("{\"a\":}")}, {"'x'", RXValue("'x'")}, {"True", RXValue("True")}};
+  // clang-format on
   for (const auto& [typed, value] : cases) EXPECT_EQ(value, JsonValue::fromArgument(typed)) << typed;
 }
 
@@ -89,46 +70,38 @@ TEST(JsonValue, ObjectsOfStringsAreMapsInKeyOrderWhereAllowed) {
 }
 
 TEST(JsonValue, ValuesPrintInTheFormsTheyAreTypedInAndReadBackUnchanged) {
+  // clang-format off
   const std::vector<std::pair<RXValue, std::string>> printed = {
-      {RXValue(5), "5"},
-      {RXValue(5.0f), "5.0"},  // a float keeps its fraction
-      {RXValue(1.1f), "1.1"},  // the float's own shortest text
-      {RXValue(-0.5f), "-0.5"},
-      {RXValue(true), "true"},
-      {RXValue("a \"b\""), "\"a \\\"b\\\"\""},
-      {RXValue(), "null"},
-      {RXValue(RXValue::Binary{0, 1, 2}), "{\"$binary\":\"AAEC\"}"},
+      {RXValue(1.1f), "1.1"}, {RXValue(-0.5f), "-0.5"},  // the float's own shortest text
+      {RXValue("a \"b\""), "\"a \\\"b\\\"\""}, {RXValue(RXValue::Binary{0, 1, 2}), "{\"$binary\":\"AAEC\"}"},
       {array({RXValue(1), RXValue(2.0f), RXValue::array()}), "[1,2.0,[]]"},
-      {RXValue(std::string("a\xFF")), "\"a\xEF\xBF\xBD\""},  // not UTF-8: still prints
-  };
+      {RXValue(std::string("a\xFF")), "\"a\xEF\xBF\xBD\""}};  // not UTF-8: still prints
+  // clang-format on
   for (const auto& [value, text] : printed) EXPECT_EQ(text, JsonValue::toText(value));
   EXPECT_EQ(nlohmann::json({{"$object", true}}), JsonValue::toJson(RXValue(mz::AnyObject())));
-  for (const char* text : {"-17", "0.1", "3.4028235e38", "1e-45", "\"\"", "[1,\"a\",[2.5,null,false]]",
-                           "{\"$binary\":\"AA==\"}", "{\"$binary\":\"AAE=\"}"}) {
+  for (const char* text : {"-17", "0.1", "3.4028235e38", "1e-45", "{\"$binary\":\"AA==\"}"}) {
     const RXValue first = JsonValue::fromArgument(text);
     EXPECT_EQ(first, JsonValue::fromArgument(JsonValue::toText(first))) << text;
   }
 }
 
 TEST(Base64, EncodesDecodesAndRefuses) {
+  // clang-format off
   const std::vector<std::pair<std::vector<unsigned char>, std::string>> cases = {
-      {{}, ""},
-      {{'f'}, "Zg=="},
-      {{'f', 'o'}, "Zm8="},
-      {{'f', 'o', 'o'}, "Zm9v"},
-      {{'f', 'o', 'o', 'b'}, "Zm9vYg=="},
+      {{}, ""}, {{'f'}, "Zg=="}, {{'f', 'o'}, "Zm8="}, {{'f', 'o', 'o'}, "Zm9v"}, {{'f', 'o', 'o', 'b'}, "Zm9vYg=="},
       {{0x00, 0xFF, 0xFE}, "AP/+"}};
-  for (const auto& [bytes, text] : cases) {
-    EXPECT_EQ(text, Base64::encode(bytes));
-    EXPECT_EQ(bytes, Base64::decode(text));
-  }
-  EXPECT_EQ((std::vector<unsigned char>{'f', 'o'}), Base64::decode("Zm8"));  // padding may be left out
   const std::vector<std::pair<std::string, std::string>> refused = {
       {"Zm 9v", "bad base64: character ' ' at position 2"},
       {"-_==", "bad base64: character '-' at position 0"},  // the URL alphabet is another one
       {"Zm9vY", "bad base64: a lone character at the end"},
       {"Zg=", "bad base64: padded text must have a length that is a multiple of 4"},
       {"Zg==Zg==", "bad base64: '=' before the end at position 2"}};
+  // clang-format on
+  for (const auto& [bytes, text] : cases) {
+    EXPECT_EQ(text, Base64::encode(bytes));
+    EXPECT_EQ(bytes, Base64::decode(text));
+  }
+  EXPECT_EQ((std::vector<unsigned char>{'f', 'o'}), Base64::decode("Zm8"));  // padding may be left out
   for (const auto& [text, error] : refused) {
     try {
       (void)Base64::decode(text);
