@@ -230,11 +230,10 @@ class WatchRun {
         if (glob.matches(name)) present.insert(name);
     }
     for (auto it = followed_.begin(); it != followed_.end();) {
-      if (!present.count(it->first) && !shared_->names.exact.count(it->first)) {
-        stamps_.erase(it->first);
-        it = followed_.erase(it);
-      } else {
-        ++it;
+      const std::string key = (it++)->first;  // before unlink() erases it
+      if (!present.count(key) && !shared_->names.exact.count(key)) {
+        stamps_.erase(key);
+        unlink(key);
       }
     }
     for (const std::string& key : present)
@@ -322,19 +321,35 @@ class WatchRun {
   }
 
   void followKey(const std::string& key, bool announce) {
-    if (announce) {
+    if (!announce) return link(key, false);
+    {
       std::lock_guard<std::mutex> lock(shared_->mutex);
       shared_->fresh[key] = Shared::Fresh();
     }
-    auto old = followed_.find(key);
-    if (old != followed_.end()) {
-      // Both links on one key would print its raises twice.
-      try {
-        (void)old->second.object.disconnect(old->second.link).wait(options_.timeout);
-      } catch (const std::exception&) {
-      }
-      followed_.erase(old);
+    try {
+      link(key, true);
+    } catch (...) {
+      // Gone again, or the broker is: nothing to announce.
+      std::lock_guard<std::mutex> lock(shared_->mutex);
+      shared_->fresh.erase(key);
+      throw;
     }
+  }
+
+  // Ends the link to a key, if there is one. Both links on one key would
+  // print its raises twice; a removed key's link would hold its cell.
+  void unlink(const std::string& key) {
+    auto old = followed_.find(key);
+    if (old == followed_.end()) return;
+    try {
+      (void)old->second.object.disconnect(old->second.link).wait(options_.timeout);
+    } catch (const std::exception&) {
+    }
+    followed_.erase(old);
+  }
+
+  void link(const std::string& key, bool announce) {
+    unlink(key);
     followed_[key] = connect(key, [s = shared_, key](mz::AnyValue value) {
       const auto when = std::chrono::system_clock::now();
       const RX::RXValue v = value.isRXValue() ? value.toRXValue() : RX::RXValue(value.describe());
