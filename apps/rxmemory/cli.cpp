@@ -331,8 +331,9 @@ std::vector<Command> commands() {
       {"remove", "Remove KEY from the memory", "rxmemory remove Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to remove")->required(); }, remove},
       {"list", "List the keys matching PATTERN (all keys without one), sorted",
-       "rxmemory list 'Robot/*'   (* any run of characters, ? any one; a word without them: names containing "
-       "it)",
+       "rxmemory list 'Robot/*'\n"
+       "* stands for any run of characters, ? for any one; a word without them lists the names containing "
+       "it.",
        [](CLI::App& c, Request& r) {
          c.add_option("PATTERN", r.text, "A glob with * and ?, or a part of the names (case-sensitive)");
        },
@@ -364,12 +365,10 @@ std::vector<Command> commands() {
        subscribers},
       {"watch", "Print every raise of each KEY or PATTERN (time, key, value) until Ctrl-C or --count N lines",
        "rxmemory watch 'Robot/*' Sonar/Near --changes --count 10\n"
-       "\"watching KEY...\" on stderr says it is ready. A PATTERN (* and ?) follows the keys it matches, "
-       "also\n"
-       "those added later (printed once marked (new)), and creates none; a plain KEY missing from the "
-       "memory\n"
-       "is declared as an event.\n"
-       "A broker that goes away is waited for, and followed again when it is back.",
+       "\"watching KEY...\" on stderr says it is ready. A PATTERN (* and ?) follows the keys it\n"
+       "matches, also those added later (printed once marked (new)), and creates none; a plain\n"
+       "KEY missing from the memory is declared as an event. A broker that goes away is waited\n"
+       "for, and followed again when it is back.",
        [](CLI::App& c, Request& r) {
          c.add_option("KEY", r.keys, "Keys or patterns to follow")->required();
          c.add_option("-n,--count", r.count, "Stop after N lines in total (0: never)");
