@@ -27,6 +27,9 @@ install(TARGETS rxplatform EXPORT RXMemoryTargets
         INCLUDES DESTINATION ${rx_include_dest})
 install(TARGETS rxbroker rxmemory_cli EXPORT RXMemoryTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS rxmemory LIBRARY DESTINATION ${RX_INSTALL_MODULEDIR})
+# Where bash-completion looks for a command's completion when first used.
+install(FILES ${PROJECT_SOURCE_DIR}/apps/rxmemory/completion/rxmemory.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME rxmemory)
 
 # The data folder: the memory looks for tavro/rxmemory_map_signal_event.txt
 # there (after --data-path and RX_DATA_PATH); an example sits beside it.

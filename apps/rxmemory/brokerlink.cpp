@@ -10,13 +10,17 @@ namespace rxcli {
 
 const char* const BrokerLink::kStartHint = "is the broker running? start one with `make run`";
 
-BrokerLink::BrokerLink(const std::string& endpoint, std::chrono::milliseconds timeout) : endpoint_(endpoint) {
+BrokerLink::BrokerLink(const std::string& endpoint, std::chrono::milliseconds timeout, Loss loss)
+    : endpoint_(endpoint) {
   net::ClientSession::Options options;
   options.timeout = timeout;
   options.clientName = "rxmemory";
   // A command is short-lived: when its broker goes, it reports and ends
-  // instead of waiting for a new one.
-  options.reconnect = false;
+  // instead of waiting for a new one. A watch waits, and follows its names
+  // again itself: remade as they were, the keys of its patterns would be
+  // created in a restarted memory that does not hold them.
+  options.reconnect = loss == Loss::kReconnect;
+  options.remakeSubscriptions = false;
   options.executorThreads = 2;
   try {
     session_ = net::ClientSession::connect(endpoint, options);

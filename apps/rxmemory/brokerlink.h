@@ -23,11 +23,16 @@ class BrokerLink {
   // The line printed under a "no broker" error.
   static const char* const kStartHint;
 
-  // Connects within `timeout`, which also bounds every later reply. The
-  // session does not reconnect: a command that loses its broker ends.
+  // How the session lives through a loss of its broker.
+  enum class Loss {
+    kEnd,        // it stays disconnected: a short command reports and ends
+    kReconnect,  // it reconnects, remaking nothing: the caller (watch) does
+  };
+
+  // Connects within `timeout`, which also bounds every later reply.
   // Throws CliError (kUsage for a malformed endpoint, kNoBroker when the
   // broker cannot be reached).
-  BrokerLink(const std::string& endpoint, std::chrono::milliseconds timeout);
+  BrokerLink(const std::string& endpoint, std::chrono::milliseconds timeout, Loss loss = Loss::kEnd);
   ~BrokerLink();  // closes the session
   BrokerLink(const BrokerLink&) = delete;
   BrokerLink& operator=(const BrokerLink&) = delete;

@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -13,16 +14,16 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "brokerlink.h"
 #include "clierror.h"
+#include "glob.h"
 #include "jsonvalue.h"
 #include "mz/object.h"
 #include "printer.h"
 #include "rx/rxerror.h"
 #include "rx/rxlog.h"
 #include "rx/rxversion.h"
+#include "suggest.h"
 #include "watcher.h"
 
 namespace rxcli {
@@ -46,9 +47,13 @@ struct Request {
   std::string method;
   std::vector<std::string> args;
   unsigned int count = 0;
+  bool changes = false;
+  double intervalSeconds = 0.1;
+  bool namesOnly = false;
 
-  std::chrono::milliseconds timeout() const {
-    return std::chrono::milliseconds(static_cast<long long>(std::ceil(timeoutSeconds * 1000)));
+  std::chrono::milliseconds timeout() const { return milliseconds(timeoutSeconds); }
+  static std::chrono::milliseconds milliseconds(double seconds) {
+    return std::chrono::milliseconds(static_cast<long long>(std::ceil(seconds * 1000)));
   }
 };
 
@@ -59,15 +64,15 @@ class Run {
   Run(const Request& request, Printer& printer, std::ostream& err)
       : request(request), printer(printer), err(err) {}
 
-  mz::AnyObject& module() {
+  mz::AnyObject& module(BrokerLink::Loss loss = BrokerLink::Loss::kEnd) {
     if (!link_) {
-      link_ = std::make_unique<BrokerLink>(request.url, request.timeout());
+      link_ = std::make_unique<BrokerLink>(request.url, request.timeout(), loss);
       module_ = link_->module(request.module);
     }
     return module_;
   }
-  BrokerLink& link() {
-    module();
+  BrokerLink& link(BrokerLink::Loss loss = BrokerLink::Loss::kEnd) {
+    module(loss);
     return *link_;
   }
   RX::RXValue call(const std::string& method, const mz::GenericFunctionParameters& params = {}) {
@@ -121,7 +126,21 @@ void raiseWith(Run& run, const char* method) {
 
 void remove(Run& run) { run.call("removeData", {mz::AnyValue(run.request.key)}); }
 
-void list(Run& run) { run.printer.names(sorted(run.call("getDataList", {mz::AnyValue(run.request.text)}))); }
+void list(Run& run) {
+  const std::string& filter = run.request.text;
+  // A plain word keeps its old meaning, a part of the names.
+  if (!Glob::hasWildcards(filter)) {
+    run.printer.names(sorted(run.call("getDataList", {mz::AnyValue(filter)})));
+    return;
+  }
+  const Glob glob(filter);
+  std::vector<std::string> kept;
+  for (const std::string& name :
+       run.call("getDataList", {mz::AnyValue(glob.longestLiteral())}).toStringList())
+    if (glob.matches(name)) kept.push_back(name);
+  std::sort(kept.begin(), kept.end());
+  run.printer.names(RX::RXValue(kept));
+}
 
 void events(Run& run) { run.printer.names(run.call("getEventList")); }
 
@@ -129,7 +148,9 @@ void microEvents(Run& run) { run.printer.names(sorted(run.call("getMicroEventLis
 
 void type(Run& run) { run.printer.text(run.call("getType", {mz::AnyValue(run.request.key)}).toStdString()); }
 
-void timestamp(Run& run) { run.printer.timestamped(run.call("getTimestamp", {mz::AnyValue(run.request.key)})); }
+void timestamp(Run& run) {
+  run.printer.timestamped(run.call("getTimestamp", {mz::AnyValue(run.request.key)}));
+}
 
 void history(Run& run) { run.printer.history(run.call("getEventHistory", {mz::AnyValue(run.request.key)})); }
 
@@ -144,28 +165,69 @@ void descriptions(Run& run) {
 void subscribers(Run& run) { run.printer.names(run.call("getSubscribers", {mz::AnyValue(run.request.key)})); }
 
 void watch(Run& run) {
-  Watcher watcher(run.link().session(), run.module(), run.printer, run.err);
-  watcher.run(run.request.keys, run.request.count, run.request.timeout());
+  Watcher::Options options;
+  options.names = run.request.keys;
+  options.count = run.request.count;
+  options.timeout = run.request.timeout();
+  options.changes = run.request.changes;
+  options.interval = Request::milliseconds(run.request.intervalSeconds);
+  BrokerLink& link = run.link(BrokerLink::Loss::kReconnect);
+  Watcher watcher(link.session(), run.module(), run.printer, run.err);
+  watcher.run(options);
+}
+
+// Every published method name, once each, sorted.
+std::vector<std::string> methodNames(const mz::MetaObject& meta) {
+  std::vector<std::string> names;
+  for (const mz::MetaMethod& m : meta.methods) names.push_back(m.name);
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  return names;
 }
 
 void methods(Run& run) {
   const mz::MetaObject& meta = run.module().metaObject();
-  if (!run.request.method.empty() && meta.findMethod(run.request.method).empty())
-    throw CliError(CliError::kFailure, run.request.module + " has no method named " + run.request.method);
-  run.printer.catalogue(run.request.module, meta, run.request.method);
+  const std::string& name = run.request.method;
+  if (!name.empty() && meta.findMethod(name).empty())
+    throw CliError(CliError::kFailure, run.request.module + " has no method named " + name,
+                   didYouMean(nearestNames(name, methodNames(meta))));
+  if (run.request.namesOnly) {
+    run.printer.names(RX::RXValue(methodNames(meta)));
+    return;
+  }
+  run.printer.catalogue(run.request.module, meta, name);
+}
+
+// Refuses a call the module would refuse, saying what there is instead:
+// the nearest names for a name it lacks, the overloads for arguments none takes.
+void checkCallable(const Run& run, const mz::MetaObject& meta, const mz::GenericFunctionParameters& params) {
+  const std::string& name = run.request.method;
+  const std::vector<mz::MetaMethod> overloads = meta.findMethod(name);
+  if (overloads.empty())
+    throw CliError(CliError::kFailure, run.request.module + ": no method named " + name,
+                   didYouMean(nearestNames(name, methodNames(meta))));
+  if (meta.resolve(name, params) >= 0) return;
+  std::string listed = name + (overloads.size() == 1 ? " takes:" : " has these overloads:");
+  for (const mz::MetaMethod& m : overloads) listed += "\n  " + m.signature();
+  throw CliError(
+      CliError::kFailure,
+      run.request.module + ": no method " + name + " accepting " + mz::MetaObject::describeArguments(params),
+      listed);
 }
 
 void call(Run& run) {
   mz::GenericFunctionParameters params;
   for (std::size_t i = 0; i < run.request.args.size(); ++i)
-    params.emplace_back(parseValue(run.request.args[i], "ARG " + std::to_string(i + 1),
-                                   JsonValue::Objects::AsStringMap));
+    params.emplace_back(
+        parseValue(run.request.args[i], "ARG " + std::to_string(i + 1), JsonValue::Objects::AsStringMap));
   mz::AnyObject& module = run.module();
+  checkCallable(run, module.metaObject(), params);
   const mz::AnyValue result = module.call(run.request.method, params);
   // The catalogue says what came back: nothing, a list of names, or a value.
   const int uid = module.metaObject().resolve(run.request.method, params);
   const mz::ParamType returned =
-      uid >= 0 ? module.metaObject().methods.at(static_cast<std::size_t>(uid)).returnType : mz::ParamType::Value;
+      uid >= 0 ? module.metaObject().methods.at(static_cast<std::size_t>(uid)).returnType
+               : mz::ParamType::Value;
   if (returned == mz::ParamType::Void && !run.printer.json()) return;
   if (returned == mz::ParamType::StringList && result.toRXValue().isArray())
     run.printer.names(result.toRXValue());
@@ -207,8 +269,8 @@ void page(Run& run) {
   if (res->status != 200) {
     // The server says why in the first line of its answer.
     const std::string why = res->body.substr(0, res->body.find('\n'));
-    throw CliError(CliError::kFailure,
-                   "GET " + base + path + " answered " + std::to_string(res->status) + (why.empty() ? "" : ": " + why));
+    throw CliError(CliError::kFailure, "GET " + base + path + " answered " + std::to_string(res->status) +
+                                           (why.empty() ? "" : ": " + why));
   }
   run.printer.text(res->body);
 }
@@ -247,10 +309,12 @@ std::vector<Command> commands() {
        "'{\"$binary\": \"AAE=\"}')",
        [](CLI::App& c, Request& r) {
          c.add_option("KEY", r.key, "Key to write")->required();
-         c.add_option("VALUE", r.value, "The value, as JSON or a bare word (see --help of rxmemory)")->required();
+         c.add_option("VALUE", r.value, "The value, as JSON or a bare word (see --help of rxmemory)")
+             ->required();
        },
        insert},
-      {"raise", "Raise EVENT with VALUE (invalid when omitted): stored, kept in its history, sent to subscribers",
+      {"raise",
+       "Raise EVENT with VALUE (invalid when omitted): stored, kept in its history, sent to subscribers",
        "rxmemory raise Robot/Bumped '[\"left\", 2]'",
        [](CLI::App& c, Request& r) {
          c.add_option("EVENT", r.key, "Event to raise")->required();
@@ -266,19 +330,28 @@ std::vector<Command> commands() {
        [](Run& run) { raiseWith(run, "raiseMicroEvent"); }},
       {"remove", "Remove KEY from the memory", "rxmemory remove Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to remove")->required(); }, remove},
-      {"list", "List the keys whose name contains FILTER (all keys without one), sorted", "rxmemory list Battery",
-       [](CLI::App& c, Request& r) { c.add_option("FILTER", r.text, "Part of the names to keep (case-sensitive)"); },
+      {"list", "List the keys matching PATTERN (all keys without one), sorted",
+       "rxmemory list 'Robot/*'\n"
+       "* stands for any run of characters, ? for any one; a word without them lists the names containing "
+       "it.",
+       [](CLI::App& c, Request& r) {
+         c.add_option("PATTERN", r.text, "A glob with * and ?, or a part of the names (case-sensitive)");
+       },
        list},
       {"events", "List the declared events", "rxmemory events", [](CLI::App&, Request&) {}, events},
       {"micro-events", "List the micro-events, sorted", "rxmemory micro-events", [](CLI::App&, Request&) {},
        microEvents},
       {"type", "Print the storage class of KEY: Data, Event, MicroEvent, ...", "rxmemory type Robot/Bumped",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to look at")->required(); }, type},
-      {"timestamp", "Print the local time of the last write of KEY and its value", "rxmemory timestamp Robot/Battery",
+      {"timestamp", "Print the local time of the last write of KEY and its value",
+       "rxmemory timestamp Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Key to look at")->required(); }, timestamp},
-      {"history", "Print the last 50 raises of EVENT with their times, oldest first", "rxmemory history Robot/Bumped",
-       [](CLI::App& c, Request& r) { c.add_option("EVENT", r.key, "Event to look at")->required(); }, history},
-      {"describe", "Attach the free text TEXT to KEY", "rxmemory describe Robot/Battery 'charge left, in percent'",
+      {"history", "Print the last 50 raises of EVENT with their times, oldest first",
+       "rxmemory history Robot/Bumped",
+       [](CLI::App& c, Request& r) { c.add_option("EVENT", r.key, "Event to look at")->required(); },
+       history},
+      {"describe", "Attach the free text TEXT to KEY",
+       "rxmemory describe Robot/Battery 'charge left, in percent'",
        [](CLI::App& c, Request& r) {
          c.add_option("KEY", r.key, "Key to describe")->required();
          c.add_option("TEXT", r.text, "The description (plain text)")->required();
@@ -288,28 +361,41 @@ std::vector<Command> commands() {
        "rxmemory descriptions Robot/Battery",
        [](CLI::App& c, Request& r) { c.add_option("KEY", r.keys, "Keys to look at"); }, descriptions},
       {"subscribers", "List the modules subscribed to KEY", "rxmemory subscribers Robot/Bumped",
-       [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Event or micro-event")->required(); }, subscribers},
-      {"watch",
-       "Print every raise of each KEY (time, key, value) until Ctrl-C or --count N raises",
-       "rxmemory watch Robot/Bumped Sonar/Near --count 10\n"
-       "\"watching KEY...\" on stderr says it is ready. A KEY missing from the memory is declared as an event.",
+       [](CLI::App& c, Request& r) { c.add_option("KEY", r.key, "Event or micro-event")->required(); },
+       subscribers},
+      {"watch", "Print every raise of each KEY or PATTERN (time, key, value) until Ctrl-C or --count N lines",
+       "rxmemory watch 'Robot/*' Sonar/Near --changes --count 10\n"
+       "\"watching KEY...\" on stderr says it is ready. A PATTERN (* and ?) follows the keys it\n"
+       "matches, also those added later (printed once marked (new)), and creates none; a plain\n"
+       "KEY missing from the memory is declared as an event. A broker that goes away is waited\n"
+       "for, and followed again when it is back.",
        [](CLI::App& c, Request& r) {
-         c.add_option("KEY", r.keys, "Keys to follow")->required();
-         c.add_option("-n,--count", r.count, "Stop after N raises in total (0: never)");
+         c.add_option("KEY", r.keys, "Keys or patterns to follow")->required();
+         c.add_option("-n,--count", r.count, "Stop after N lines in total (0: never)");
+         c.add_flag("--changes", r.changes, "Also print plain writes, marked (write), found by polling");
+         c.add_option("--interval", r.intervalSeconds, "Seconds between two looks for writes, with --changes")
+             ->check(CLI::Range(0.01, 3600.0))
+             ->option_text("SECONDS (default 0.1, at least 0.01)");
        },
        watch},
       {"methods", "Print the published methods of --module with their texts (those named NAME only)",
-       "rxmemory methods getData",
-       [](CLI::App& c, Request& r) { c.add_option("NAME", r.method, "Method name"); }, methods},
+       "rxmemory methods getData;  rxmemory methods --names",
+       [](CLI::App& c, Request& r) {
+         c.add_option("NAME", r.method, "Method name");
+         c.add_flag("--names", r.namesOnly, "Print the method names only, one per line");
+       },
+       methods},
       {"page", "Print the HTML status page of --module, fetched from --http", "rxmemory page > memory.html",
        [](CLI::App&, Request&) {}, page},
       {"call", "Call any published METHOD of --module with JSON ARGs and print the result",
-       "rxmemory call insertData Robot/Speed 0.5;  rxmemory call addMapping Sonar '{\"near\": \"Sonar/Near\"}'",
+       "rxmemory call insertData Robot/Speed 0.5;  rxmemory call addMapping Sonar '{\"near\": "
+       "\"Sonar/Near\"}'",
        [](CLI::App& c, Request& r) {
          c.add_option("METHOD", r.method, "Published method name (overloads are told apart by the ARGs)")
              ->required();
-         c.add_option("ARG", r.args,
-                      "Arguments as JSON or bare words; a JSON object of strings is a map from string to string");
+         c.add_option(
+             "ARG", r.args,
+             "Arguments as JSON or bare words; a JSON object of strings is a map from string to string");
        },
        call},
   };
@@ -320,6 +406,7 @@ const char* const kValueSyntax =
     "'[1, \"a\"]' array, null invalid, '{\"$binary\": \"<base64>\"}' binary. Text that is not\n"
     "JSON is taken as a string. --json prints results in the same forms, objects as {\"$object\": true}.\n"
     "Exit status: 0 done, 1 the command failed, 2 bad usage, 3 no broker at the address.\n"
+    "RXMEMORY_URL and RXMEMORY_HTTP, when set, replace the defaults of --url and --http.\n"
     "Examples:\n"
     "  rxmemory insert Robot/Battery 87\n"
     "  rxmemory get Robot/Battery --json\n"
@@ -333,6 +420,51 @@ std::string helpOf(const CLI::App& app) {
   const auto selected = app.get_subcommands();
   return selected.empty() ? app.help() : selected.front()->help(app.get_name());
 }
+
+// How to get that help.
+std::string helpLine(const CLI::App& app) {
+  const auto selected = app.get_subcommands();
+  return "see `rxmemory " + (selected.empty() ? std::string() : selected.front()->get_name() + " ") +
+         "--help`";
+}
+
+// The long option names known where `app` stands: its own and its command's.
+std::vector<std::string> optionNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  std::vector<const CLI::App*> scopes = {&app};
+  for (const CLI::App* sub : app.get_subcommands()) scopes.push_back(sub);
+  for (const CLI::App* scope : scopes)
+    for (const CLI::Option* option : scope->get_options())
+      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  return names;
+}
+
+// The nearest names to a word the parser refused: a command (the first word
+// that is not an option) or an option.
+std::string suggestionFor(const CLI::App& app, const std::string& word) {
+  if (word.rfind("--", 0) == 0) return didYouMean(nearestNames(word, optionNames(app)));
+  std::vector<std::string> commands;
+  for (const CLI::App* sub : app.get_subcommands({})) commands.push_back(sub->get_name());
+  return didYouMean(nearestNames(word, commands));
+}
+
+// Where the value of an option came from, for an error about it: the
+// environment when the command line does not name it.
+std::string origin(const std::vector<std::string>& words, const std::string& option, const char* variable) {
+  for (const std::string& w : words)
+    if (w == option || w.rfind(option + "=", 0) == 0) return std::string();
+  return std::getenv(variable) != nullptr ? std::string(" (from ") + variable + ")" : std::string();
+}
+
+// CLI11's own range check prints its bounds as 300-digit numbers.
+const CLI::Validator kPositiveSeconds(
+    [](std::string& text) {
+      double seconds = 0;
+      return CLI::detail::lexical_cast(text, seconds) && seconds > 0
+                 ? std::string()
+                 : "expected a number of seconds above 0, got " + text;
+    },
+    "SECONDS");
 
 const char* const kGlobalOptions =
     "Options of rxmemory (--url, --timeout, --json, --module, --http) go before or after the command: "
@@ -352,13 +484,17 @@ int Cli::run(int argc, const char* const* argv) {
                        "Print the version and the git revision it was built from, and exit");
   // Global options are accepted after the command too (rxmemory get K --json).
   app.fallthrough();
-  app.add_option("--url", request.url, "Broker endpoint, tcp://HOST:PORT or unix:///path")->capture_default_str();
+  app.add_option("--url", request.url, "Broker endpoint, tcp://HOST:PORT or unix:///path")
+      ->capture_default_str()
+      ->envname("RXMEMORY_URL");
   app.add_option("--timeout", request.timeoutSeconds, "Seconds allowed for connecting and for each reply")
       ->capture_default_str()
-      ->check(CLI::PositiveNumber);
+      ->check(kPositiveSeconds);
   app.add_flag("--json", request.json, "Print results as JSON, one document per line");
   app.add_option("--module", request.module, "Module for methods, page and call")->capture_default_str();
-  app.add_option("--http", request.http, "Base URL of the broker's status pages, for page")->capture_default_str();
+  app.add_option("--http", request.http, "Base URL of the broker's status pages, for page")
+      ->capture_default_str()
+      ->envname("RXMEMORY_HTTP");
 
   std::map<const CLI::App*, std::function<void(Run&)>> actions;
   for (const Command& command : commands()) {
@@ -377,7 +513,7 @@ int Cli::run(int argc, const char* const* argv) {
   try {
     app.parse(static_cast<int>(marked.size()), marked.data());
   } catch (const CLI::CallForHelp&) {
-    out_ << helpOf(app);
+    out_ << helpOf(app) << "\n";
     return 0;
   } catch (const CLI::CallForVersion& e) {
     out_ << e.what() << "\n";
@@ -387,10 +523,16 @@ int Cli::run(int argc, const char* const* argv) {
     return 0;
   } catch (const CLI::ParseError& e) {
     // CLI11 words a mistyped command as a missing one.
-    const std::vector<std::string> rest = app.remaining();
-    const bool unknownCommand = app.get_subcommands().empty() && !rest.empty();
-    err_ << "error: " << unmarked(unknownCommand ? "unknown command '" + rest.front() + "'" : e.what()) << "\n"
-         << helpOf(app);
+    std::vector<std::string> rest = app.remaining();
+    for (const CLI::App* sub : app.get_subcommands())
+      for (const std::string& word : sub->remaining()) rest.push_back(word);
+    const bool unknownCommand = app.get_subcommands().empty() && !rest.empty() && rest.front()[0] != '-';
+    std::string hint;
+    if (!rest.empty()) hint = suggestionFor(app, rest.front());
+    err_ << "error: " << unmarked(unknownCommand ? "unknown command '" + rest.front() + "'" : e.what())
+         << "\n";
+    if (!hint.empty()) err_ << hint << "\n";
+    err_ << helpLine(app) << "\n";
     return CliError::kUsage;
   }
   unmark(request);
@@ -419,9 +561,13 @@ int Cli::run(int argc, const char* const* argv) {
     }
   } catch (const CliError& e) {
     out_.flush();
-    err_ << "error: " << e.what() << "\n";
+    std::string message = e.what();
+    // A bad address typed once in the environment is not on the command line.
+    if (message.rfind("bad --url", 0) == 0) message.insert(9, origin(words, "--url", "RXMEMORY_URL"));
+    if (message.rfind("bad --http", 0) == 0) message.insert(10, origin(words, "--http", "RXMEMORY_HTTP"));
+    err_ << "error: " << message << "\n";
     if (!e.hint().empty()) err_ << e.hint() << "\n";
-    if (e.status() == CliError::kUsage) err_ << helpOf(app);
+    if (e.status() == CliError::kUsage) err_ << helpLine(app) << "\n";
     return e.status();
   }
   out_.flush();

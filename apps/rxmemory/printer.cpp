@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <cstdio>
-
 #include <nlohmann/json.hpp>
 
 #include "jsonvalue.h"
@@ -16,6 +15,19 @@ namespace {
 
 bool isTimestampEntry(const RX::RXValue& v) {
   return v.isArray() && v.getSize() == 3 && v[1].isInt() && v[2].isInt();
+}
+
+nlohmann::json timestampJson(const RX::RXValue& entry) {
+  if (!isTimestampEntry(entry)) return JsonValue::toJson(entry);
+  const int seconds = entry[1].toInt(), micros = entry[2].toInt();
+  return {{"value", JsonValue::toJson(entry[0])},
+          {"time", Printer::isoTime(seconds, micros)},
+          {"seconds", seconds},
+          {"microseconds", micros}};
+}
+
+std::int64_t microsSinceEpoch(std::chrono::system_clock::time_point when) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(when.time_since_epoch()).count();
 }
 
 }  // namespace
@@ -39,7 +51,11 @@ void Printer::text(const std::string& text) {
 }
 
 void Printer::timestamped(const RX::RXValue& entry) {
-  if (json_ || !isTimestampEntry(entry)) {
+  if (json_) {
+    out_ << JsonValue::dump(timestampJson(entry)) << '\n';
+    return;
+  }
+  if (!isTimestampEntry(entry)) {
     value(entry);
     return;
   }
@@ -47,6 +63,12 @@ void Printer::timestamped(const RX::RXValue& entry) {
 }
 
 void Printer::history(const RX::RXValue& history) {
+  if (json_ && history.isArray()) {
+    nlohmann::json entries = nlohmann::json::array();
+    for (std::size_t i = 0, n = history.getSize(); i < n; ++i) entries.push_back(timestampJson(history[i]));
+    out_ << JsonValue::dump(entries) << '\n';
+    return;
+  }
   if (json_ || !history.isArray()) {
     value(history);
     return;
@@ -64,14 +86,23 @@ void Printer::timestampedLine(const RX::RXValue& entry) {
 }
 
 void Printer::descriptions(const RX::RXValue& entries) {
-  if (json_ || !entries.isArray()) {
+  if (!entries.isArray()) {
     value(entries);
     return;
   }
+  nlohmann::json all = nlohmann::json::array();
   for (std::size_t i = 0, n = entries.getSize(); i < n; ++i) {
     const RX::RXValue& e = entries[i];
     if (!e.isValid()) continue;  // the padding slots of a request for named keys
-    if (!(e.isArray() && e.getSize() == 3 && e[0].isString())) {
+    const bool entry = e.isArray() && e.getSize() == 3 && e[0].isString();
+    if (json_) {
+      all.push_back(!entry ? JsonValue::toJson(e)
+                           : nlohmann::json{{"name", e[0].toStdString()},
+                                            {"kind", JsonValue::toJson(e[1])},
+                                            {"description", JsonValue::toJson(e[2])}});
+      continue;
+    }
+    if (!entry) {
       value(e);
       continue;
     }
@@ -81,6 +112,7 @@ void Printer::descriptions(const RX::RXValue& entries) {
     if (!description.empty()) out_ << ": " << description;
     out_ << '\n';
   }
+  if (json_) out_ << JsonValue::dump(all) << '\n';
 }
 
 void Printer::catalogue(const std::string& module, const mz::MetaObject& meta, const std::string& method) {
@@ -103,22 +135,41 @@ void Printer::catalogue(const std::string& module, const mz::MetaObject& meta, c
     for (const mz::MetaParameter& p : m.parameters) out_ << "    " << p.name << ": " << p.description << '\n';
     if (m.hasReturn) out_ << "    returns " << m.returnName << ": " << m.returnDescription << '\n';
     // Mask 4: the result is an address only valid in the module's process.
-    if (m.mask != 0) out_ << "    mask " << m.mask << (m.mask == 4 ? ": not callable from another process" : "") << '\n';
+    if (m.mask != 0)
+      out_ << "    mask " << m.mask << (m.mask == 4 ? ": not callable from another process" : "") << '\n';
   }
 }
 
-void Printer::raise(const std::string& key, std::chrono::system_clock::time_point when, const RX::RXValue& value) {
-  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(when.time_since_epoch()).count();
+void Printer::change(Change kind, const std::string& key, std::chrono::system_clock::time_point when,
+                     const RX::RXValue& value) {
+  const std::int64_t micros = microsSinceEpoch(when);
   const std::int64_t seconds = micros / 1000000;
   const std::int64_t fraction = micros % 1000000;
+  static const char* const kKinds[] = {"raise", "write", "new"};
+  const char* kindName = kKinds[static_cast<int>(kind)];
   if (json_) {
-    nlohmann::json line = {
-        {"key", key}, {"time", localTime(seconds, fraction, 3)}, {"value", JsonValue::toJson(value)}};
+    nlohmann::json line = {{"key", key},
+                           {"time", isoTime(seconds, fraction)},
+                           {"value", JsonValue::toJson(value)},
+                           {"kind", kindName}};
     out_ << JsonValue::dump(line) << std::endl;
     return;
   }
   // Time of day first, as in a log: the date is rarely what one follows.
-  out_ << localTime(seconds, fraction, 3).substr(11) << ' ' << key << ' ' << value.toString(1) << std::endl;
+  out_ << localTime(seconds, fraction, 3).substr(11) << ' ' << key << ' ' << value.toString(1);
+  if (kind != Change::kRaise) out_ << " (" << kindName << ')';
+  out_ << std::endl;
+}
+
+std::string Printer::isoTime(std::int64_t seconds, std::int64_t micros) {
+  const time_t t = static_cast<time_t>(seconds);
+  struct tm parts {};
+  gmtime_r(&t, &parts);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  char fraction[16];
+  std::snprintf(fraction, sizeof fraction, ".%06lldZ", static_cast<long long>(micros));
+  return text + std::string(fraction);
 }
 
 std::string Printer::localTime(std::int64_t seconds, std::int64_t micros, int fractionDigits) {

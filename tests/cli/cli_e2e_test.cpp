@@ -1,60 +1,55 @@
 // End to end: the rxmemory program against a real rxbroker on free ports.
 #include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "cliprocess.h"
 
 namespace {
 
 using clitest::CliProcess;
-using clitest::kWait;
 using nlohmann::json;
 
-// A temporary directory for the broker's data path.
-struct TempDir {
-  TempDir() {
-    char tmpl[] = "/tmp/rxcli-XXXXXX";
-    path = ::mkdtemp(tmpl);
-  }
-  ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-  std::string path;
-};
+const std::regex kIsoTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
 
-// rxbroker on a free TCP port, with its status pages on another.
+// rxbroker on `listen` (a free TCP port by default), its status pages on a
+// free port and its data path in a temporary directory.
 class Broker {
  public:
-  Broker()
-      : process_({RX_BROKER_PATH, "--listen", "tcp://127.0.0.1:0", "--http", "127.0.0.1:0", "--data-path", dir_.path,
-                  "--log", "*=error"}) {
-    const std::string listening = "rxbroker: listening on ";
-    const std::string pages = "rxbroker: status pages on ";
-    while (auto line = process_.outLine()) {
+  explicit Broker(const std::string& listen = "tcp://127.0.0.1:0") {
+    char tmpl[] = "/tmp/rxcli-XXXXXX";
+    dir_ = ::mkdtemp(tmpl);
+    process_ = std::make_unique<CliProcess>(std::vector<std::string>{RX_BROKER_PATH, "--listen", listen,
+                                                                     "--http", "127.0.0.1:0", "--data-path",
+                                                                     dir_, "--log", "*=error"});
+    const std::string listening = "rxbroker: listening on ", pages = "rxbroker: status pages on ";
+    while (auto line = process_->outLine()) {
       if (line->rfind(listening, 0) == 0) url = line->substr(listening.size());
       if (line->rfind(pages, 0) == 0) http = line->substr(pages.size(), line->rfind('/') - pages.size());
       if (*line == "rxbroker: press Ctrl-C to stop") return;
     }
-    throw std::runtime_error("rxbroker did not start: " + process_.err());
+    throw std::runtime_error("rxbroker did not start: " + process_->err());
+  }
+  ~Broker() {
+    process_.reset();
+    std::system(("rm -rf '" + dir_ + "'").c_str());
   }
   void stop() {
-    process_.kill(SIGTERM);
-    process_.finish();
+    process_->kill(SIGTERM);
+    process_->finish();
   }
   std::string url;   // tcp://127.0.0.1:PORT
   std::string http;  // http://127.0.0.1:PORT
 
  private:
-  TempDir dir_;
-  CliProcess process_;
+  std::string dir_;
+  std::unique_ptr<CliProcess> process_;
 };
 
 struct Outcome {
@@ -74,7 +69,6 @@ class CliE2E : public ::testing::Test {
     all.insert(all.end(), args.begin(), args.end());
     return all;
   }
-  // Runs rxmemory with these arguments to its end.
   static Outcome rx(const std::vector<std::string>& args, const Broker* broker = nullptr) {
     CliProcess p(argv(args, broker));
     const int status = p.finish();
@@ -89,100 +83,73 @@ class CliE2E : public ::testing::Test {
     EXPECT_EQ("", o.err) << "rxmemory" << joined;
     return o.out;
   }
+  // The next line of a watch without its time of day, or why there is none.
+  static std::string nextChange(CliProcess& watch) {
+    const auto line = watch.outLine();
+    if (!line) return "(nothing printed; stderr: " + watch.err() + ")";
+    std::smatch m;
+    static const std::regex timed(R"(\d\d:\d\d:\d\d\.\d{3} (.*))");
+    return std::regex_match(*line, m, timed) ? m[1].str() : "(not a change line: " + *line + ")";
+  }
   static std::unique_ptr<Broker> broker_;
 };
 std::unique_ptr<Broker> CliE2E::broker_;
 
 TEST_F(CliE2E, EveryValueKindRoundTripsThroughInsertAndGet) {
-  struct Case {
-    std::string typed;     // as given to insert
-    std::string readable;  // get
-    std::string asJson;    // get --json
-  };
-  const std::vector<Case> cases = {
-      {"5", "5", "5"},
-      {"-5", "-5", "-5"},
-      {"5.0", "5.0", "5.0"},
-      {"0.1", "0.1", "0.1"},
-      {"-2.5e-3", "-0.0025", "-0.0025"},
-      {"true", "true", "true"},
-      {"\"5\"", "\"5\"", "\"5\""},
-      {"\"a b\"", "\"a b\"", "\"a b\""},
-      {"bare", "\"bare\"", "\"bare\""},
-      {"two words", "\"two words\"", "\"two words\""},
-      {"", "\"\"", "\"\""},
-      {"\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\""},
-      {"null", "invalid", "null"},
+  // clang-format off
+  const std::vector<std::vector<std::string>> cases = {  // typed, get, get --json
+      {"5", "5", "5"}, {"-5", "-5", "-5"}, {"5.0", "5.0", "5.0"}, {"0.1", "0.1", "0.1"}, {"true", "true", "true"},
+      {"-2.5e-3", "-0.0025", "-0.0025"}, {"\"5\"", "\"5\"", "\"5\""}, {"\"a b\"", "\"a b\"", "\"a b\""},
+      {"bare", "\"bare\"", "\"bare\""}, {"two words", "\"two words\"", "\"two words\""}, {"", "\"\"", "\"\""},
+      {"\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\"", "\"h\u00e9 \\\"q\\\"\""}, {"null", "invalid", "null"},
       {"[1, \"a\", [2.5, null, false]]", "[1, \"a\", [2.5, invalid, false]]", "[1,\"a\",[2.5,null,false]]"},
-      {"[]", "[]", "[]"},
-      {"{\"$binary\": \"AAEC/w==\"}", "<binary 4 bytes>", "{\"$binary\":\"AAEC/w==\"}"},
-  };
-  int n = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE("typed: " + c.typed);
-    const std::string key = "rt/" + std::to_string(n++);
-    ok({"insert", key, c.typed});
-    EXPECT_EQ(c.readable + "\n", ok({"get", key}));
-    const std::string printed = ok({"get", key, "--json"});
-    EXPECT_EQ(c.asJson + "\n", printed);
-    // What --json prints goes back in unchanged.
-    ok({"insert", key + "/again", printed.substr(0, printed.size() - 1)});
-    EXPECT_EQ(printed, ok({"--json", "get", key + "/again"}));
+      {"[]", "[]", "[]"}, {"{\"$binary\": \"AAEC/w==\"}", "<binary 4 bytes>", "{\"$binary\":\"AAEC/w==\"}"}};
+  // clang-format on
+  for (std::size_t n = 0; n < cases.size(); ++n) {
+    SCOPED_TRACE("typed: " + cases[n][0]);
+    const std::string key = "rt/" + std::to_string(n);
+    ok({"insert", key, cases[n][0]});
+    EXPECT_EQ(cases[n][1] + "\n", ok({"get", key}));
+    EXPECT_EQ(cases[n][2] + "\n", ok({"get", key, "--json"}));
+    ok({"insert", key + "/again", cases[n][2]});  // what --json prints goes back in unchanged
+    EXPECT_EQ(cases[n][2] + "\n", ok({"--json", "get", key + "/again"}));
     EXPECT_EQ("Data\n", ok({"type", key}));
   }
-  // Several keys: one line each, in the order asked.
-  EXPECT_EQ("5\n\"bare\"\n", ok({"get", "rt/0", "rt/8"}));
-  EXPECT_EQ("5\n\"bare\"\n", ok({"get", "rt/0", "rt/8", "--json"}));
-  // The int, float and string overloads keep their kinds.
-  EXPECT_EQ("[5,\"5\",5.0]\n",
-            ok({"call", "getListData", "[\"rt/0\", \"rt/6\", \"rt/2\"]", "--json"}));
+  EXPECT_EQ("5\n\"bare\"\n", ok({"get", "rt/0", "rt/8"}));  // one line per key, in the order asked
+  EXPECT_EQ("[5,\"5\",5.0]\n", ok({"call", "getListData", "[\"rt/0\", \"rt/6\", \"rt/2\"]", "--json"}));
 }
 
-TEST_F(CliE2E, FailuresSayWhatWentWrongAndExitWithOne) {
-  Outcome o = rx({"get", "rt/none"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("", o.out);
-  EXPECT_EQ("error: RXMemory::getData: Data not found rt/none\n", o.err);
-
-  // No partial output when one of several keys is missing.
+TEST_F(CliE2E, FailuresSayWhatWentWrongAndWhatThereIs) {
   ok({"insert", "fail/a", "1"});
-  o = rx({"get", "fail/a", "fail/missing"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("", o.out);
-  EXPECT_EQ("error: RXMemory::getData: Data not found fail/missing\n", o.err);
-
-  o = rx({"remove", "fail/missing"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: RXMemory::removeData: Data not found fail/missing\n", o.err);
-  o = rx({"describe", "fail/missing", "text"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: RXMemory::setDescription: fail/missing not found\n", o.err);
-  o = rx({"call", "getDataPtr", "fail/a"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ(
-      "error: RXMemory::getDataPtr: getDataPtr returns an address that is only valid inside the broker process and "
-      "cannot be called remotely\n",
-      o.err);
-  o = rx({"call", "getData", "5"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: RXMemory: no method getData accepting (int)\n", o.err);
-  o = rx({"call", "nosuch"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: RXMemory: no method named nosuch\n", o.err);
-  o = rx({"methods", "nosuch"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: RXMemory has no method named nosuch\n", o.err);
-  o = rx({"--module", "Nobody", "methods"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: no module Nobody at " + broker_->url + " (Service not found: Nobody)\n", o.err);
-  o = rx({"--module", "Nobody", "page"});
-  EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: GET " + broker_->http + "/Nobody answered 404: No module named Nobody on this broker\n", o.err);
-
-  // Bad usage is caught by the program itself, against a live broker too.
-  o = rx({"insert", "fail/b", "{\"a\": 1}"});
-  EXPECT_EQ(2, o.status);
-  EXPECT_NE(std::string::npos, o.err.find("Usage: rxmemory insert [OPTIONS] KEY VALUE"));
+  const std::string url = broker_->url, http = broker_->http;
+  // clang-format off
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"get", "rt/none"}, "error: RXMemory::getData: Data not found rt/none\n"},
+      {{"get", "fail/a", "fail/missing"}, "error: RXMemory::getData: Data not found fail/missing\n"},
+      {{"remove", "fail/missing"}, "error: RXMemory::removeData: Data not found fail/missing\n"},
+      {{"describe", "fail/missing", "text"}, "error: RXMemory::setDescription: fail/missing not found\n"},
+      {{"call", "getDataPtr", "fail/a"}, "error: RXMemory::getDataPtr: getDataPtr returns an address that is "
+       "only valid inside the broker process and cannot be called remotely\n"},
+      {{"call", "getData", "5"}, "error: RXMemory: no method getData accepting (int)\ngetData has these "
+       "overloads:\n  RXValue getData(string key)\n  RXValue getData(string key, int deprecatedParameter)\n"},
+      {{"call", "raiseEvnt", "E"}, "error: RXMemory: no method named raiseEvnt\ndid you mean raiseEvent?\n"},
+      {{"call", "nosuch"}, "error: RXMemory: no method named nosuch\n"},
+      {{"methods", "getdata"}, "error: RXMemory has no method named getdata\n"
+       "did you mean getData, getDataList or getDataListName?\n"},
+      {{"--module", "Nobody", "methods"}, "error: no module Nobody at " + url + " (Service not found: Nobody)\n"},
+      {{"--module", "Nobody", "page"},
+       "error: GET " + http + "/Nobody answered 404: No module named Nobody on this broker\n"}};
+  // clang-format on
+  for (const auto& [args, err] : cases) {
+    SCOPED_TRACE(args[1]);
+    const Outcome o = rx(args);
+    EXPECT_EQ(1, o.status);
+    EXPECT_EQ("", o.out);  // also no partial output when one of several keys is missing
+    EXPECT_EQ(err, o.err);
+  }
+  const Outcome bad = rx({"insert", "fail/b", "{\"a\": 1}"});
+  EXPECT_EQ(2, bad.status);
+  EXPECT_EQ("see `rxmemory insert --help`\n", bad.err.substr(bad.err.find('\n') + 1));
   EXPECT_EQ(1, rx({"get", "fail/b"}).status) << "a refused value must not be stored";
 }
 
@@ -192,107 +159,117 @@ TEST_F(CliE2E, EventsListsDescriptionsAndHistory) {
   ok({"raise", "ev/Empty"});  // no value: invalid
   ok({"raise-micro", "ev/Near", "0.5"});
   ok({"insert", "ev/data", "7"});
+  ok({"insert", "ev/sub/deep", "8"});
   ok({"call", "subscribeToEvent", "ev/Bump", "SomeModule", "onEvent"});
-
-  const std::string events = ok({"events"});
-  EXPECT_NE(std::string::npos, events.find("\nev/Bump\n")) << events;
-  EXPECT_EQ(std::string::npos, events.find("ev/Near"));
-  EXPECT_NE(std::string::npos, ok({"micro-events"}).find("ev/Near\n"));
-  EXPECT_EQ("ev/Bump\nev/Empty\nev/Near\nev/data\n", ok({"list", "ev/"}));
-  EXPECT_EQ("[\"ev/Bump\",\"ev/Empty\",\"ev/Near\",\"ev/data\"]\n", ok({"list", "ev/", "--json"}));
-  EXPECT_EQ("", ok({"list", "no-such-part"}));
-  EXPECT_EQ("Event\n", ok({"type", "ev/Bump"}));
-  EXPECT_EQ("MicroEvent\n", ok({"type", "ev/Near"}));
-  EXPECT_EQ("\"Event\"\n", ok({"type", "ev/Bump", "--json"}));
-  EXPECT_EQ("invalid\n", ok({"get", "ev/Empty"}));
-  EXPECT_EQ("SomeModule\n", ok({"subscribers", "ev/Bump"}));
-  EXPECT_EQ("[]\n", ok({"subscribers", "ev/Near", "--json"}));
-
-  // History: every raise with its time, oldest first.
-  const std::regex stamped(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} (.*))");
-  const std::string history = ok({"history", "ev/Bump"});
-  std::smatch m;
-  const std::string first = history.substr(0, history.find('\n'));
-  const std::string second = history.substr(first.size() + 1, history.size() - first.size() - 2);
-  ASSERT_TRUE(std::regex_match(first, m, stamped)) << history;
-  EXPECT_EQ("1", m[1].str());
-  ASSERT_TRUE(std::regex_match(second, m, stamped)) << history;
-  EXPECT_EQ("[2, \"x\"]", m[1].str());
-  const json h = json::parse(ok({"history", "ev/Bump", "--json"}));
-  ASSERT_EQ(2u, h.size()) << h;
-  EXPECT_EQ(json(1), h[0][0]);
-  EXPECT_EQ(json::parse("[2, \"x\"]"), h[1][0]);
-  EXPECT_TRUE(h[1][1].is_number_integer() && h[1][2].is_number_integer()) << h;
-  // Micro-events and plain data keep no history.
-  EXPECT_EQ("invalid\n", ok({"history", "ev/Near"}));
-
-  const std::string stamp = ok({"timestamp", "ev/data"});
-  const std::string stampLine = stamp.substr(0, stamp.size() - 1);
-  ASSERT_TRUE(std::regex_match(stampLine, m, stamped)) << stamp;
-  EXPECT_EQ("7", m[1].str());
-  const json t = json::parse(ok({"timestamp", "ev/data", "--json"}));
-  EXPECT_EQ(7, t[0]);
-
   ok({"describe", "ev/data", "seven, as a test"});
-  EXPECT_EQ("ev/data (data): seven, as a test\nev/Bump (event)\n", ok({"descriptions", "ev/data", "ev/Bump"}));
-  // --json shows the answer as the memory gives it, empty slots first.
-  EXPECT_EQ("[null,null,[\"ev/data\",\"data\",\"seven, as a test\"],[\"ev/Bump\",\"event\",\"\"]]\n",
-            ok({"descriptions", "ev/data", "ev/Bump", "--json"}));
+  const std::string all = "ev/Bump\nev/Empty\nev/Near\nev/data\nev/sub/deep\n";
+  // clang-format off
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"list", "ev/"}, all}, {{"list", "v/"}, all}, {{"list", "no-such-part"}, ""},  // a word: part of names
+      {{"list", "ev/*"}, all}, {{"list", "v/*"}, ""}, {{"list", "ev/?ump"}, "ev/Bump\n"},  // a glob: whole names
+      {{"list", "*/d?t?"}, "ev/data\n"},
+      {{"list", "ev/", "--json"}, "[\"ev/Bump\",\"ev/Empty\",\"ev/Near\",\"ev/data\",\"ev/sub/deep\"]\n"},
+      {{"type", "ev/Bump"}, "Event\n"}, {{"type", "ev/Near"}, "MicroEvent\n"}, {{"get", "ev/Empty"}, "invalid\n"},
+      {{"type", "ev/Bump", "--json"}, "\"Event\"\n"}, {{"subscribers", "ev/Bump"}, "SomeModule\n"},
+      {{"subscribers", "ev/Near", "--json"}, "[]\n"}, {{"history", "ev/Near"}, "invalid\n"},  // no history
+      {{"descriptions", "ev/data", "ev/Bump"}, "ev/data (data): seven, as a test\nev/Bump (event)\n"},
+      {{"descriptions", "ev/data", "ev/Bump", "--json"}, R"([{"description":"seven, as a test","kind":"data",)"
+       R"("name":"ev/data"},{"description":"","kind":"event","name":"ev/Bump"}])" "\n"}};
+  // clang-format on
+  for (const auto& [args, out] : cases) EXPECT_EQ(out, ok(args)) << args[0] << " " << args[1];
+  EXPECT_NE(std::string::npos, ok({"events"}).find("\nev/Bump\n"));
   EXPECT_NE(std::string::npos, ok({"descriptions"}).find("ev/data (data): seven, as a test\n"));
 
+  // Times: local and readable, or named fields with --json.
+  const std::string stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )";
+  EXPECT_TRUE(
+      std::regex_match(ok({"history", "ev/Bump"}), std::regex(stamp + "1\n" + stamp + R"(\[2, "x"\]\n)")));
+  EXPECT_TRUE(std::regex_match(ok({"timestamp", "ev/data"}), std::regex(stamp + "7\n")));
+  const json t = json::parse(ok({"timestamp", "ev/data", "--json"}));
+  EXPECT_EQ(7, t["value"]);
+  EXPECT_TRUE(std::regex_match(t["time"].get<std::string>(), kIsoTime)) << t;
+  EXPECT_EQ(t["microseconds"].get<int>(), std::stoi(t["time"].get<std::string>().substr(20, 6))) << t;
+  const json h = json::parse(ok({"history", "ev/Bump", "--json"}));
+  ASSERT_EQ(2u, h.size()) << h;
+  EXPECT_EQ(json::parse("[2, \"x\"]"), h[1]["value"]);
+  EXPECT_LE(h[0]["seconds"].get<long>(), h[1]["seconds"].get<long>());
   ok({"remove", "ev/data"});
-  EXPECT_EQ(1, rx({"get", "ev/data"}).status);
   EXPECT_EQ("", ok({"list", "ev/data"}));
 }
 
 TEST_F(CliE2E, WatchPrintsRaisesOfEveryKeyUntilTheCount) {
   CliProcess watch(argv({"watch", "w/A", "w/B", "--count", "2"}));
-  const auto ready = watch.errLine();
-  ASSERT_TRUE(ready) << "no readiness line; stderr: " << watch.err();
-  EXPECT_EQ("watching w/A, w/B... (Ctrl-C to stop)", *ready);
-
+  EXPECT_EQ("watching w/A, w/B... (Ctrl-C to stop)", watch.errLine().value_or(watch.err()));
   ok({"insert", "w/A", "0"});  // plain insertion: not a raise
   ok({"raise", "w/A", "1"});
+  EXPECT_EQ("w/A 1", nextChange(watch));
   ok({"raise-micro", "w/B", "\"x\""});
-  // Raises of different keys may be printed in either order.
-  const std::regex line(R"(\d\d:\d\d:\d\d\.\d{3} (\S+ .*))");
-  std::vector<std::string> seen;
-  for (int i = 0; i < 2; ++i) {
-    const auto printed = watch.outLine();
-    ASSERT_TRUE(printed) << "raise " << i << " not printed; stderr: " << watch.err();
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(*printed, m, line)) << *printed;
-    seen.push_back(m[1].str());
-  }
-  std::sort(seen.begin(), seen.end());
-  EXPECT_EQ((std::vector<std::string>{"w/A 1", "w/B \"x\""}), seen);
+  EXPECT_EQ("w/B \"x\"", nextChange(watch));
   EXPECT_EQ(0, watch.finish()) << "watch did not end after 2 raises: " << watch.err();
-  EXPECT_EQ("", watch.out());
 
-  // --json: one document per raise; a missing key is declared as an event.
+  // --json: one document per raise; a missing plain name is declared as an event.
   CliProcess json1(argv({"watch", "w/New", "--count", "1", "--json"}));
   ASSERT_TRUE(json1.errLine()) << json1.err();
   EXPECT_EQ("Event\n", ok({"type", "w/New"}));
   ok({"raise", "w/New", "{\"$binary\": \"AAE=\"}"});
-  const auto doc = json1.outLine();
-  ASSERT_TRUE(doc) << json1.err();
-  const json j = json::parse(*doc);
+  const json j = json::parse(json1.outLine().value_or("{}"));
+  EXPECT_EQ(json::parse(R"({"$binary": "AAE="})"), j["value"]);
   EXPECT_EQ("w/New", j["key"]);
-  EXPECT_EQ(json::parse("{\"$binary\": \"AAE=\"}"), j["value"]);
-  EXPECT_TRUE(std::regex_match(j["time"].get<std::string>(),
-                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})")))
-      << j;
+  EXPECT_EQ("raise", j["kind"]);
+  EXPECT_TRUE(std::regex_match(j["time"].get<std::string>(), kIsoTime)) << j;
   EXPECT_EQ(0, json1.finish());
 }
 
-TEST_F(CliE2E, WatchEndsOnCtrlC) {
-  CliProcess watch(argv({"watch", "w/C"}));
-  ASSERT_TRUE(watch.errLine()) << watch.err();
-  ok({"raise", "w/C", "3"});
-  ASSERT_TRUE(watch.outLine()) << watch.err();
+TEST_F(CliE2E, WatchPatternFollowsKeysAddedLaterAndCreatesNone) {
+  ok({"insert", "pat/A", "0"});
+  CliProcess watch(argv({"watch", "pat/*"}));
+  EXPECT_EQ("watching pat/*... (Ctrl-C to stop)", watch.errLine().value_or(watch.err()));
+  EXPECT_EQ("pat/A\n", ok({"list", "pat"}));
+  ok({"raise", "pat/A", "1"});
+  EXPECT_EQ("pat/A 1", nextChange(watch));
+  ok({"raise", "pat/B",
+      "2"});  // a new key: its raise, or, when that went before the key was followed, the key
+  const std::string created = nextChange(watch);
+  EXPECT_TRUE(created == "pat/B 2 (new)" || created == "pat/B 2") << created;
+  ok({"raise", "pat/B", "3"});
+  EXPECT_EQ("pat/B 3", nextChange(watch));
+  ok({"call", "subscriber", "pat/C"});  // made without "RXMemory/KeyAdded": found by listing
+  EXPECT_EQ("pat/C invalid (new)", nextChange(watch));
   watch.kill(SIGINT);
   EXPECT_EQ(0, watch.finish());
-  EXPECT_EQ("", watch.err());
+  EXPECT_EQ("", watch.out() + watch.err());
+}
+
+TEST_F(CliE2E, WatchChangesMarksPlainWritesAndPrintsRaisesOnce) {
+  ok({"insert", "chg/A", "1"});
+  CliProcess watch(argv({"watch", "chg/A", "--changes", "--interval", "0.05", "--count", "3"}));
+  ASSERT_TRUE(watch.errLine()) << watch.err();
+  ok({"insert", "chg/A", "2"});
+  EXPECT_EQ("chg/A 2 (write)", nextChange(watch));
+  ok({"raise", "chg/A", "3"});
+  EXPECT_EQ("chg/A 3", nextChange(watch));
+  ok({"insert", "chg/A", "4"});
+  EXPECT_EQ("chg/A 4 (write)", nextChange(watch)) << "a raise printed again as a write?";
+  EXPECT_EQ(0, watch.finish());
+}
+
+TEST_F(CliE2E, WatchFollowsAgainAfterTheBrokerRestarts) {
+  auto broker = std::make_unique<Broker>();
+  const std::string url = broker->url;
+  CliProcess watch(argv({"watch", "rs/K", "rs/*"}, broker.get()));
+  ASSERT_TRUE(watch.errLine()) << watch.err();
+  broker->stop();
+  EXPECT_EQ("broker gone, waiting for it at " + url + "... (Ctrl-C to stop)",
+            watch.errLine().value_or(watch.err()));
+  broker = std::make_unique<Broker>(url);  // the same port
+  EXPECT_EQ("broker back at " + url + ", following again", watch.errLine().value_or(watch.err()));
+  ok({"raise", "rs/K", "1"}, broker.get());
+  EXPECT_EQ("rs/K 1", nextChange(watch));
+  ok({"raise", "rs/L", "2"}, broker.get());
+  const std::string created = nextChange(watch);
+  EXPECT_TRUE(created == "rs/L 2 (new)" || created == "rs/L 2") << created;
+  watch.kill(SIGTERM);
+  EXPECT_EQ(0, watch.finish());
 }
 
 TEST_F(CliE2E, MethodsShowThePublishedTexts) {
@@ -300,25 +277,31 @@ TEST_F(CliE2E, MethodsShowThePublishedTexts) {
       "RXValue getData(string key)\n"
       "    Gets the value of a key-value pair stored in memory\n"
       "    key: Name of the value.\n"
-      "    returns data: The data as an RXValue. This can often be cast transparently into the original type.\n"
+      "    returns data: The data as an RXValue. This can often be cast transparently into the original "
+      "type.\n"
       "\n"
       "RXValue getData(string key, int deprecatedParameter)\n"
-      "    DEPRECATED - Gets the value of a key-value pair stored in memory. Please use the version of this method "
+      "    DEPRECATED - Gets the value of a key-value pair stored in memory. Please use the version of this "
+      "method "
       "with no second parameter.\n"
       "    key: Name of the value.\n"
-      "    deprecatedParameter: DEPRECATED - This parameter has no effect, but is left for compatibility reason.\n"
+      "    deprecatedParameter: DEPRECATED - This parameter has no effect, but is left for compatibility "
+      "reason.\n"
       "    returns data: The data as an RXValue\n",
       ok({"methods", "getData"}));
-  EXPECT_NE(std::string::npos, ok({"methods", "getDataPtr"}).find("    mask 4: not callable from another process\n"));
-
+  EXPECT_NE(std::string::npos,
+            ok({"methods", "getDataPtr"}).find("    mask 4: not callable from another process\n"));
   const std::string all = ok({"methods"});
-  EXPECT_EQ(0u, all.find("RXMemory: RXMemory provides a centralized memory that can be used to store and retrieve "
-                         "named values. It also acts as a hub for the distribution of event notifications.\n"));
+  EXPECT_EQ(
+      0u, all.find("RXMemory: RXMemory provides a centralized memory that can be used to store and retrieve "
+                   "named values. It also acts as a hub for the distribution of event notifications.\n"));
   EXPECT_NE(std::string::npos, all.find("void subscribeToEvent(string name, string callbackModule, string "
                                         "callbackMessage, string callbacMethod)\n"));
+  const std::string names = ok({"methods", "--names"});
+  EXPECT_EQ(0u, names.find("_insertObject\n_perf\n")) << names;
+  EXPECT_NE(std::string::npos, names.find("\ngetData\ngetDataList\ngetDataListName\n")) << names;
 
   const json doc = json::parse(ok({"methods", "--json"}));
-  EXPECT_EQ("RXMemory", doc["module"]);
   std::size_t memoryMethods = 0;
   for (const json& m : doc["methods"]) memoryMethods += m["className"] == "RXMemory" ? 1 : 0;
   EXPECT_EQ(41u, memoryMethods);
@@ -329,35 +312,14 @@ TEST_F(CliE2E, MethodsShowThePublishedTexts) {
 }
 
 TEST_F(CliE2E, CallReachesEveryOverload) {
-  // insertData: the int, float, string and RXValue overloads by argument kind.
-  ok({"call", "insertData", "call/i", "5"});
-  ok({"call", "insertData", "call/f", "5.5"});
-  ok({"call", "insertData", "call/s", "five"});
-  ok({"call", "insertData", "call/a", "[5]"});
-  EXPECT_EQ("5\n5.5\n\"five\"\n[5]\n", ok({"get", "call/i", "call/f", "call/s", "call/a", "--json"}));
-  // getData with and without the deprecated second parameter.
-  EXPECT_EQ("5.5\n", ok({"call", "getData", "call/f"}));
-  EXPECT_EQ("5.5\n", ok({"call", "getData", "call/f", "0"}));
-  // A list result prints one name per line; a void one prints nothing.
-  EXPECT_EQ("call/a\ncall/f\ncall/i\ncall/s\n", [&] {
-    std::string out = ok({"call", "getDataList", "call/"});
-    std::vector<std::string> lines;
-    for (std::size_t at = 0; at < out.size();) {
-      const std::size_t eol = out.find('\n', at);
-      lines.push_back(out.substr(at, eol - at + 1));
-      at = eol + 1;
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string sorted;
-    for (const std::string& l : lines) sorted += l;
-    return sorted;
-  }());
-  EXPECT_EQ("", ok({"call", "declareEvent", "call/E", "SomeExtractor"}));
+  for (const char* v : {"5", "5.5", "five", "[5]"}) ok({"call", "insertData", std::string("call/") + v, v});
+  EXPECT_EQ("5\n5.5\n\"five\"\n[5]\n", ok({"get", "call/5", "call/5.5", "call/five", "call/[5]", "--json"}));
+  EXPECT_EQ("5.5\n", ok({"call", "getData", "call/5.5", "0"}));            // the deprecated overload
+  EXPECT_EQ("call/five\n", ok({"call", "getDataList", "call/f"}));         // names: one per line
+  EXPECT_EQ("", ok({"call", "declareEvent", "call/E", "SomeExtractor"}));  // void: nothing
   EXPECT_EQ("null\n", ok({"call", "declareEvent", "call/E2", "--json"}));
   EXPECT_EQ("[\"call/E\"]\n", ok({"call", "getExtractorEvent", "SomeExtractor", "--json"}));
-  // A JSON object of strings is a map from string to string.
-  ok({"call", "addMapping", "CallService", "{\"pinged\": \"call/Pinged\"}"});
-  // The object the memory returns for a key prints as a reference.
+  ok({"call", "addMapping", "CallService", "{\"pinged\": \"call/Pinged\"}"});  // an object: a string map
   EXPECT_EQ("{\"$object\":true}\n", ok({"call", "subscriber", "call/E", "--json"}));
   EXPECT_EQ("<object>\n", ok({"call", "subscriber", "call/E"}));
 }
@@ -369,32 +331,45 @@ TEST_F(CliE2E, PageShowsTheMemory) {
   ok({"insert", "page/Key", "\"page value\""}, &broker);
   const std::string html = ok({"page"}, &broker);
   EXPECT_EQ(0u, html.find("<html><head>"));
-  EXPECT_NE(std::string::npos, html.find("<tr><td>page/Key</td><td>\nstring</td>\n<td>\"page value\"</td>")) << html;
-  const json asJson = json::parse(ok({"page", "--json"}, &broker));
-  EXPECT_NE(std::string::npos, asJson.get<std::string>().find("page/Key"));
-
+  EXPECT_NE(std::string::npos, html.find("<tr><td>page/Key</td><td>\nstring</td>\n<td>\"page value\"</td>"));
+  EXPECT_NE(std::string::npos,
+            json::parse(ok({"page", "--json"}, &broker)).get<std::string>().find("page/Key"));
   ok({"insert", "page/Bin", "{\"$binary\": \"AAE=\"}"}, &broker);
   const Outcome o = rx({"page"}, &broker);
   EXPECT_EQ(1, o.status);
-  EXPECT_EQ("error: GET " + broker.http + "/RXMemory answered 500: The page of RXMemory failed: "
-            "RXMemory::getData: Data not found page/Bin_type (rxbase/src/rxmemory.cpp:",
+  EXPECT_EQ("error: GET " + broker.http +
+                "/RXMemory answered 500: The page of RXMemory failed: "
+                "RXMemory::getData: Data not found page/Bin_type (rxbase/src/rxmemory.cpp:",
             o.err.substr(0, o.err.find("cpp:") + 4));
 }
 
-TEST_F(CliE2E, WatchEndsWhenTheBrokerGoes) {
-  Broker broker;
-  CliProcess watch(argv({"watch", "gone/K"}, &broker));
-  ASSERT_TRUE(watch.errLine()) << watch.err();
-  broker.stop();
-  const auto line = watch.errLine();
-  ASSERT_TRUE(line) << watch.err();
-  EXPECT_EQ("error: lost the connection to the broker at " + broker.url, *line);
-  EXPECT_EQ(1, watch.finish());
-  const Outcome after = rx({"get", "gone/K"}, &broker);
-  EXPECT_EQ(3, after.status);
-  EXPECT_EQ("error: cannot connect to " + broker.url +
-                ": Connection refused\nis the broker running? start one with `make run`\n",
-            after.err);
+TEST_F(CliE2E, EnvironmentAndCompletionFindTheBroker) {
+  ok({"insert", "env/K", "1"});
+  CliProcess byEnv({RXMEMORY_CLI_PATH, "get", "env/K"}, {"RXMEMORY_URL=" + broker_->url});
+  EXPECT_EQ(0, byEnv.finish());
+  EXPECT_EQ("1\n", byEnv.out());
+  CliProcess badEnv({RXMEMORY_CLI_PATH, "get", "env/K"}, {"RXMEMORY_URL=nowhere"});
+  EXPECT_EQ(2, badEnv.finish());
+  EXPECT_EQ(0u, badEnv.err().find("error: bad --url (from RXMEMORY_URL): invalid endpoint 'nowhere'"));
+
+  // Words typed so far -> what Tab offers.
+  // clang-format off
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"ca"}, "call"}, {{"micro"}, "micro-events"}, {{"get", "--js"}, "--json"}, {{"watch", "--ch"}, "--changes"},
+      {{"--url", broker_->url, "call", "getDataL"}, "getDataList getDataListName"},
+      {{"--url", broker_->url, "get", "env/"}, "env/K"},
+      {{"--url", "tcp://127.0.0.1:1", "call", "get"}, ""}};  // no broker: nothing, quickly
+  // clang-format on
+  for (const auto& [words, offered] : cases) {
+    std::vector<std::string> args = {"/bin/bash", "-c",
+                                     "source \"$0\"; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _rxmemory; "
+                                     "echo \"${COMPREPLY[*]}\"",
+                                     RXMEMORY_COMPLETION_PATH, RXMEMORY_CLI_PATH};
+    args.insert(args.end(), words.begin(), words.end());
+    CliProcess bash(args);
+    EXPECT_EQ(0, bash.finish());
+    EXPECT_EQ(offered + "\n", bash.out()) << words.back() << ": " << bash.err();
+  }
 }
 
 }  // namespace

@@ -26,7 +26,8 @@ constexpr std::chrono::milliseconds kWait = 10s;
 
 class CliProcess {
  public:
-  explicit CliProcess(const std::vector<std::string>& args) {
+  // `env`: NAME=VALUE entries set on top of this process's environment.
+  explicit CliProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
     int out[2], err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
@@ -37,7 +38,17 @@ class CliProcess {
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    const int rc = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+    std::vector<char*> envp;
+    for (char** e = environ; *e; ++e) {
+      const std::string entry(*e);
+      bool replaced = false;
+      for (const std::string& mine : env)
+        replaced |= entry.compare(0, mine.find('=') + 1, mine, 0, mine.find('=') + 1) == 0;
+      if (!replaced) envp.push_back(*e);
+    }
+    for (const std::string& mine : env) envp.push_back(const_cast<char*>(mine.c_str()));
+    envp.push_back(nullptr);
+    const int rc = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     ::close(err[1]);
