@@ -186,7 +186,8 @@ for wanted in '/usr/bin/rxbroker' '/usr/bin/rxmemory' '/usr/lib/(.*/)?librxplatf
   '/usr/lib/(.*/)?rxmemory/modules/librxmemory\.so' '/usr/include/rxmemory/net/clientsession\.h' \
   '/usr/include/rxmemory/rx/rxversion\.h' '/usr/lib/(.*/)?cmake/RXMemory/RXMemoryConfigVersion\.cmake' \
   '/usr/lib/(.*/)?pkgconfig/rxmemory\.pc' '/usr/lib/systemd/system/rxbroker\.service' \
-  '/usr/share/rx/tavro/rxmemory_map_signal_event\.txt\.example' '/usr/share/rx/web/live/live\.js'; do
+  '/usr/share/rx/tavro/rxmemory_map_signal_event\.txt\.example' '/usr/share/rx/web/live/live\.js' \
+  '/usr/share/bash-completion/completions/rxmemory'; do
   grep -qE "^\.$wanted\$" <<<"$files" || fail "the package has no $wanted:
 $files"
 done
