@@ -138,22 +138,6 @@ TEST_F(ProxyTest, GenericProxyAndSessionReachEachOverloadByName) {
   EXPECT_EQ("getData|Data not found gone", errorOf([&] { service.call<RXValue>("getData", S("gone")); }));
 }
 
-TEST_F(ProxyTest, KeySignalObjectConnectsAndDisconnects) {
-  mz::AnyObject object = broker->getProxy("RXMemory", 0)->call<mz::AnyObject>("subscriber", S("K"));
-  ASSERT_TRUE(object.isValid());
-  EXPECT_EQ("Event", memory->getStrDataType("K"));
-  SignalLog seen;
-  mz::SignalLink link =
-      object.connect("signal", std::function<void(mz::AnyValue)>([&](mz::AnyValue v) { seen(v); })).value();
-  memory->raiseEvent("K", RXValue(1));
-  object.emit("signal", {mz::AnyValue(RXValue(2))});
-  EXPECT_EQ(2, memory->getData("K").toInt()) << "emitting raises the key";
-  object.disconnect(link).waitAndCheck();
-  memory->raiseEvent("K", RXValue(3));
-  EXPECT_FALSE(object.disconnect(link).hasValue()) << "the link is gone";
-  EXPECT_EQ((Names{"1", "2"}), seen.take());
-}
-
 // Every published entry, called by uid, reaches the member it names (what
 // each member does is checked in the other files).
 TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
@@ -220,29 +204,6 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   testing::internal::CaptureStdout();
   m._perf();
   EXPECT_EQ(0u, testing::internal::GetCapturedStdout().find("1000 Direct call\n"));
-}
-
-// Overloads that cannot be resolved are called by name, which then fails with
-// the framework's own error; resolved ones keep working.
-TEST_F(ProxyTest, SpecializedProxyFallsBackToCallsByName) {
-  RX::RXMemoryProxy empty(boost::make_shared<RX::RXProxy>("RXMemory", mz::AnyObject()));
-  EXPECT_EQ(0u, empty.resolvedCount());
-  EXPECT_EQ("std::exception|This object is null", errorOf([&] { empty.insertData("k", 1); }));
-  // A stand-in that offers only getData(string).
-  auto standIn = std::make_shared<mz::DynamicObject>();
-  mz::MetaMethod getData;
-  getData.name = "getData";
-  getData.parameters.resize(1);
-  getData.parameters[0].type = mz::ParamType::String;
-  getData.returnType = mz::ParamType::Value;
-  standIn->advertiseMethod(getData, mz::makeInvoker<RXValue, std::string>(
-                                        [](const std::string& key) { return RXValue("stand-in " + key); }));
-  RX::RXMemoryProxy partial(boost::make_shared<RX::RXProxy>("StandIn", mz::AnyObject(standIn)));
-  EXPECT_EQ(1u, partial.resolvedCount());
-  EXPECT_EQ("\"stand-in k\"", partial.getData("k").toString());
-  EXPECT_EQ("std::exception|object: no method named insertData",
-            errorOf([&] { partial.insertData("k", 1); }));
-  EXPECT_THROW((void)partial.getData("k", 1), mz::MethodNotFoundError);
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

@@ -161,7 +161,7 @@ TEST_F(KeyStoreTest, PointerAccessPinsTheKeyAndFreezesItsKind) {
   // An unknown key is created silently (no KeyAdded), with a warning.
   int* address = static_cast<int*>(memory->getPtrData("p"));
   ASSERT_NE(nullptr, address);
-  EXPECT_TRUE(log.has("rxmemory|2|getPtrValue on stmvalue with no type: p"));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|2|getPtrValue on stmvalue with no type: p"));
   memory->insertData("p", 5);  // the first number into an empty pinned key is allowed
   EXPECT_EQ(address, memory->getPtrData("p"));
   memory->insertData("p", 6);
@@ -368,7 +368,7 @@ TEST_F(EventsTest, ExtractorIsToldAboutEachEventSubscription) {
   EXPECT_EQ((Names{"M"}), memory->getDataSubscriber("G"));
   memory->subscribeToMicroEvent("V", "M", "", "onEvent");
   memory->unsubscribeToEvent("V", "M");
-  EXPECT_TRUE(log.has("rxmemory|3|stopExtractor no extractor for V\n"));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|3|stopExtractor no extractor for V\n"));
 }
 
 TEST_F(EventsTest, FailingExtractorIsLoggedAndTheSubscriptionStands) {
@@ -400,9 +400,10 @@ TEST_F(EventsTest, DeprecatedMethodsOnlyLog) {
   memory->subscribeOnDataSetTimePolicy("E", "M", 10);
   memory->subscribeOnDataSetSynchronizeResponse("E", "M", true);
   EXPECT_EQ((Names{"M"}), memory->getDataSubscriber("E"));
-  EXPECT_TRUE(log.has("rxmemory|2|unregisterModuleReference is deprecated and can be removed."));
-  EXPECT_TRUE(log.has("rxmemory|1|RXMemory::subscribeOnDataSetTimePolicy is NO-OP"));
-  EXPECT_TRUE(log.has("rxmemory|1|RXMemory::subscribeOnDataSetSynchronizeResponse is NO-OP"));
+  EXPECT_TRUE(
+      contains(log.items(), "rxmemory|2|unregisterModuleReference is deprecated and can be removed."));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|1|RXMemory::subscribeOnDataSetTimePolicy is NO-OP"));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|1|RXMemory::subscribeOnDataSetSynchronizeResponse is NO-OP"));
 }
 
 }  // namespace

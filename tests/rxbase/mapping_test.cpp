@@ -136,7 +136,7 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwice) {
 TEST_F(MapFileTest, MissingMapFileOnlyWarns) {
   LogCapture log;
   createMemory();
-  EXPECT_TRUE(log.has("rxmemory|2|Can't not open file rxmemory_map_signal_event.txt"));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|2|Can't not open file rxmemory_map_signal_event.txt"));
   EXPECT_EQ((Names{RX::Memory::keyAddedKey, RX::Memory::keyRemovedKey, RX::Memory::keyTypeChanged}),
             memory->getEventList());
   EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));

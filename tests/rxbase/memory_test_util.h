@@ -152,11 +152,6 @@ class LogCapture : public testsupport::Collector<std::string> {
     });
   }
   ~LogCapture() { RX::log::removeObserver(id_); }
-  bool has(const std::string& line) const {
-    for (const std::string& l : items())
-      if (l == line) return true;
-    return false;
-  }
 
  private:
   int id_;

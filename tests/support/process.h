@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
@@ -61,7 +62,7 @@ class Child {
     }
   }
   ~Child() {
-    closeStdin();
+    ::close(stdin_);
     if (pid_ > 0) signal(SIGKILL), wait();
     ::close(stdout_);
   }
@@ -71,7 +72,7 @@ class Child {
   // The next line of output, or nothing when none came in time or the output closed.
   std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (std::size_t eol; (eol = buffer_.find('\n')) == std::string::npos;) {
+    while (buffer_.find('\n') == std::string::npos) {
       const auto left =
           std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
       pollfd p{stdout_, POLLIN, 0};
@@ -82,9 +83,8 @@ class Child {
       if (n <= 0) return std::nullopt;
       buffer_.append(chunk, static_cast<std::size_t>(n));
     }
-    const std::size_t eol = buffer_.find('\n');
-    std::string line = buffer_.substr(0, eol);
-    buffer_.erase(0, eol + 1);
+    std::string line = buffer_.substr(0, buffer_.find('\n'));
+    buffer_.erase(0, line.size() + 1);
     return line;
   }
   // The first line starting with `prefix` (lines before it are skipped).
@@ -101,10 +101,6 @@ class Child {
       lines.push_back(*line);
     }
     return std::nullopt;
-  }
-  void closeStdin() {
-    if (stdin_ >= 0) ::close(stdin_);
-    stdin_ = -1;
   }
   // Does nothing once the program has been reaped: its pid may be someone else's by then.
   void signal(int sig) {
@@ -126,7 +122,8 @@ class Child {
 };
 
 // The real rxbroker listening on `listen` ("tcp://127.0.0.1:0" takes a free
-// port), its data in `dataPath`, logging warnings, without its web page.
+// port), its data in `dataPath`, logging warnings, without its status pages
+// unless `extra` asks for them.
 // Ready once constructed: it throws when the broker has not said where it
 // listens within kWait. Stopped with SIGTERM (SIGKILL after kWait) when it goes.
 class BrokerProcess {
@@ -152,14 +149,16 @@ class BrokerProcess {
   Child& output() { return child_; }
 
   std::vector<std::string> endpoints;  // as the broker reported them, in the order given
+  std::string http;                    // the status pages' URL, when `extra` asks for them with --http
 
  private:
   static std::vector<std::string> arguments(const std::string& program, const std::string& dataPath,
                                             const std::vector<std::string>& listen,
                                             const std::vector<std::string>& extra) {
-    std::vector<std::string> args{program, "--data-path", dataPath, "--log", "*=warning", "--no-http"};
+    std::vector<std::string> args{program, "--data-path", dataPath, "--log", "*=warning"};
     for (const std::string& endpoint : listen) args.insert(args.end(), {"--listen", endpoint});
     args.insert(args.end(), extra.begin(), extra.end());
+    if (std::find(extra.begin(), extra.end(), "--http") == extra.end()) args.push_back("--no-http");
     return args;
   }
   Child child_;
