@@ -1,39 +1,63 @@
-// Notification dispatch: the callback contract, ordering, proxy caching, and
-// subscribers that come late, go away or re-subscribe.
-#include <algorithm>
+// Notifications: subscription records, the callback contract, ordering, proxy
+// caching, subscribers that come late, go away or re-subscribe; and the key
+// signal objects (following a key as a signal, raising it by emitting).
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
 
 #include "memory_test_util.h"
 
-using RX::RXValue;
-using Names = std::vector<std::string>;
-
+namespace rxtest {
 namespace {
 
-class DispatchTest : public rxtest::MemoryTest {
+class DispatchTest : public MemoryTest {
  protected:
-  // Turns on the cells' verbose log for one test.
-  struct VerboseCells {
-    VerboseCells() { RX::log::setLevel("RXMemory", RX::log::Verbose); }
-    ~VerboseCells() { RX::log::setLevel("RXMemory", RX::log::kDefaultThreshold); }
-  };
-
+  void SetUp() override {
+    MemoryTest::SetUp();
+    RX::log::setLevel("RXMemory", RX::log::Verbose);  // the cells say whom they notify and drop
+  }
+  void TearDown() override {
+    RX::log::setLevel("RXMemory", RX::log::kDefaultThreshold);
+    MemoryTest::TearDown();
+  }
   // The messages logged by the cells, in order, starting with prefix.
-  static Names cellLines(rxtest::LogCapture& log, const std::string& prefix) {
+  Names cellLines(const std::string& prefix) const {
     Names out;
-    for (const std::string& line : log.lines())
+    for (const std::string& line : log.items())
       if (line.rfind("RXMemory|5|" + prefix, 0) == 0) out.push_back(line.substr(11));
     return out;
   }
+  LogCapture log;
 };
 
+TEST_F(DispatchTest, SubscribingMakesMissingKeysAndNeverRetypes) {
+  memory->subscribeToEvent("E", "Foo", "onEvent");
+  memory->subscribeToMicroEvent("ME", "Foo", "", "onEvent");
+  EXPECT_EQ("Event MicroEvent invalid", memory->getStrDataType("E") + " " + memory->getStrDataType("ME") +
+                                            " " + memory->getData("E").toString());
+  memory->insertData("d", 1);
+  memory->subscribeToEvent("d", "Foo", "onEvent");
+  memory->subscribeToMicroEvent("d", "Bar", "", "onEvent");
+  EXPECT_EQ("Data", memory->getStrDataType("d"));
+  // One record per module, listed byte-wise.
+  for (const char* m : {"a", "C", "B", "a"}) memory->subscribeToMicroEvent("d", m, "", "onEvent");
+  EXPECT_EQ((Names{"B", "Bar", "C", "Foo", "a"}), memory->getDataSubscriber("d"));
+  memory->unsubscribeToMicroEvent("d", "Foo");
+  EXPECT_EQ((Names{"B", "Bar", "C", "a"}), memory->getDataSubscriber("d"));
+  // A key removed and declared again starts without subscribers.
+  memory->removeEvent("E");
+  memory->declareEvent("E");
+  EXPECT_EQ(Names{}, memory->getDataSubscriber("E"));
+}
+
 TEST_F(DispatchTest, EveryRaiseCallsBackWithKeyValueAndMessage) {
-  auto r = rxtest::startModule<rxtest::Recorder>(broker, "R");
+  auto r = startModule<Recorder>(broker, "R");
   memory->subscribeToMicroEvent("m", "R", "micro message", "onEvent");
   memory->subscribeToEvent("e", "R", "onOther");
   RXValue payload = RXValue::array();
   payload.arrayPush(RXValue(1));
   payload.arrayPush(RXValue("a"));
-
   memory->raiseMicroEvent("m", payload);
   memory->raiseMicroEvent("m", payload);  // equal values notify again
   memory->raiseEvent("e", RXValue(2));
@@ -41,88 +65,160 @@ TEST_F(DispatchTest, EveryRaiseCallsBackWithKeyValueAndMessage) {
   memory->insertData("e", 3);  // plain insertion notifies nobody
   memory->insertListData(RXValue::array());
   drain(r);
-
-  auto got = r->received();
+  auto got = r->items();
   ASSERT_EQ(5u, got.size());  // four raises and the sentinel
-  EXPECT_EQ("onEvent", got[0].method);
-  EXPECT_EQ("m", got[0].key);
-  EXPECT_EQ("[1, \"a\"]", got[0].value.toString());
-  EXPECT_EQ("\"micro message\"", got[0].message.toString());
-  EXPECT_EQ("onOther", got[2].method);
-  EXPECT_EQ("\"\"", got[2].message.toString()) << "the 3-argument subscribeToEvent sends an empty message";
+  EXPECT_EQ(
+      "onEvent m [1, \"a\"] \"micro message\"",
+      got[0].method + " " + got[0].key + " " + got[0].value.toString() + " " + got[0].message.toString());
+  EXPECT_EQ("onOther \"\"", got[2].method + " " + got[2].message.toString())
+      << "the 3-argument subscribeToEvent sends an empty message";
   EXPECT_EQ((Names{"m=[1, a]", "m=[1, a]", "e=2", "e=2"}), r->keyValues());
 }
 
 TEST_F(DispatchTest, SubscribersArePostedToInModuleNameOrder) {
-  VerboseCells verbose;
-  rxtest::LogCapture log;
-  auto a = rxtest::startModule<rxtest::Recorder>(broker, "a");
-  auto b = rxtest::startModule<rxtest::Recorder>(broker, "B");
-  auto c = rxtest::startModule<rxtest::Recorder>(broker, "C");
+  auto a = startModule<Recorder>(broker, "a");
+  auto b = startModule<Recorder>(broker, "B");
+  auto c = startModule<Recorder>(broker, "C");
   for (const char* m : {"a", "C", "B"}) memory->subscribeToEvent("E", m, "onEvent");
   memory->raiseEvent("E", RXValue(1));
-  EXPECT_EQ((Names{"notifying module: B for datachange for key: E", "notifying module: C for datachange for key: E",
-                   "notifying module: a for datachange for key: E"}),
-            cellLines(log, "notifying"));
+  EXPECT_EQ(
+      (Names{"notifying module: B for datachange for key: E", "notifying module: C for datachange for key: E",
+             "notifying module: a for datachange for key: E"}),
+      cellLines("notifying"));
   for (auto& r : {a, b, c}) {
     ASSERT_TRUE(r->waitFor(1)) << r->getName();
     EXPECT_EQ((Names{"E=1"}), r->keyValues());
   }
 }
 
-TEST_F(DispatchTest, LateSubscriberIsCalledFromTheNextRaise) {
-  VerboseCells verbose;
-  rxtest::LogCapture log;
-  memory->subscribeToMicroEvent("E", "Late", "", "onEvent");
-  memory->raiseMicroEvent("E", RXValue(1));
-  Names lookups = cellLines(log, "Late not found, removing module reference:");
-  ASSERT_EQ(1u, lookups.size());
-  EXPECT_EQ((Names{"Late"}), memory->getDataSubscriber("E")) << "a failed look-up keeps the record";
-
-  auto late = rxtest::startModule<rxtest::Recorder>(broker, "Late");
-  memory->raiseMicroEvent("E", RXValue(2));
-  drain(late);
-  EXPECT_EQ((Names{"E=2"}), late->keyValues());
-}
-
-TEST_F(DispatchTest, SubscriberWhosePostFailsIsDropped) {
-  VerboseCells verbose;
-  rxtest::LogCapture log;
-  auto dead = rxtest::startModule<rxtest::Recorder>(broker, "Dead");
-  auto alive = rxtest::startModule<rxtest::Recorder>(broker, "Alive");
-  for (const char* m : {"Dead", "Alive"}) memory->subscribeToEvent("E", m, "onEvent");
-  memory->raiseEvent("E", RXValue(1));  // caches both proxies
+// A look-up that fails keeps the record (the module may come later); a post
+// that fails to a module found before drops it.
+TEST_F(DispatchTest, LateSubscribersAreKeptGoneOnesDropped) {
+  auto alive = startModule<Recorder>(broker, "Alive");
+  auto dead = startModule<Recorder>(broker, "Dead");
+  for (const char* m : {"Dead", "Alive", "Late"}) memory->subscribeToEvent("E", m, "onEvent");
+  memory->raiseEvent("E", RXValue(1));  // caches the proxies of Alive and Dead
+  EXPECT_EQ(1u, cellLines("Late not found, removing module reference:").size());
+  EXPECT_EQ((Names{"Alive", "Dead", "Late"}), memory->getDataSubscriber("E"));
   drain(dead);
   dead->exit();
-
+  auto late = startModule<Recorder>(broker, "Late");
   memory->raiseEvent("E", RXValue(2));
-  EXPECT_EQ((Names{"Alive"}), memory->getDataSubscriber("E"));
-  EXPECT_EQ(1u, cellLines(log, "Dead not found, removing module reference:").size());
+  EXPECT_EQ(1u, cellLines("Dead not found, removing module reference:").size());
+  EXPECT_EQ((Names{"Alive", "Late"}), memory->getDataSubscriber("E"));
   memory->raiseEvent("E", RXValue(3));
   drain(alive);
+  drain(late);
   EXPECT_EQ((Names{"E=1", "E=2", "E=3"}), alive->keyValues());
   EXPECT_EQ((Names{"E=1"}), dead->keyValues());
+  EXPECT_EQ((Names{"E=2", "E=3"}), late->keyValues());
 }
 
 TEST_F(DispatchTest, ResubscribingResetsTheCachedProxy) {
-  auto first = rxtest::startModule<rxtest::Recorder>(broker, "M");
+  auto first = startModule<Recorder>(broker, "M");
   memory->subscribeToMicroEvent("E", "M", "one", "onEvent");
   memory->raiseMicroEvent("E", RXValue(1));
   drain(first);
   first->exit();
-
   // A new module under the same name: only a fresh look-up reaches it; the
   // old cached proxy would fail and drop the record.
-  auto second = rxtest::startModule<rxtest::Recorder>(broker, "M");
+  auto second = startModule<Recorder>(broker, "M");
   memory->subscribeToMicroEvent("E", "M", "two", "onOther");
   memory->raiseMicroEvent("E", RXValue(2));
   drain(second);
-  auto got = second->received();
+  auto got = second->items();
   ASSERT_FALSE(got.empty());
-  EXPECT_EQ("onOther", got[0].method);
-  EXPECT_EQ("\"two\"", got[0].message.toString());
+  EXPECT_EQ("onOther \"two\"", got[0].method + " " + got[0].message.toString());
   EXPECT_EQ((Names{"E=2"}), second->keyValues());
   EXPECT_EQ((Names{"M"}), memory->getDataSubscriber("E"));
 }
 
+class SignalTest : public MemoryTest {};
+
+TEST_F(SignalTest, SubscriberDeclaresMissingKeysAndIsSharedPerKey) {
+  auto first = memory->subscriber("K");
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first, memory->subscriber("K"));
+  EXPECT_EQ("Event", memory->getStrDataType("K"));
+  EXPECT_TRUE(contains(memory->getEventList(), "K"));
+  memory->insertData("d", 1);
+  EXPECT_TRUE(memory->subscriber("d"));
+  EXPECT_EQ("Data", memory->getStrDataType("d")) << "subscriber never retypes a key";
+}
+
+TEST_F(SignalTest, RaisesAreEmittedAndEmissionsRaise) {
+  SignalLog got;
+  auto sub = memory->subscriber("K");
+  sub->signal.connect([&](mz::AnyValue v) { got(v); });
+  auto r = startModule<Recorder>(broker, "R");
+  memory->subscribeToEvent("K", "R", "onEvent");
+  memory->raiseEvent("K", RXValue(5));
+  memory->raiseMicroEvent("K", RXValue(6));
+  memory->insertData("K", 7);  // insertions are not emitted
+  EXPECT_EQ((Names{"5", "6"}), got.take());
+  const std::size_t history = memory->getEventHistory("K").getSize();
+
+  sub->signal(mz::AnyValue(RXValue(8)));
+  EXPECT_EQ("8", memory->getData("K").toString());
+  EXPECT_EQ((Names{"8"}), got.take()) << "delivered back once";
+  sub->signal.trigger({});
+  EXPECT_EQ("invalid", memory->getData("K").toString());
+  EXPECT_EQ((Names{"invalid"}), got.take());
+  try {
+    sub->signal.trigger({mz::AnyValue(RXValue(1)), mz::AnyValue(RXValue(2))});
+    ADD_FAILURE() << "two arguments were accepted";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ("Invalid number of arguments", e.what());
+  }
+  EXPECT_THROW(sub->signal.trigger({mz::AnyValue::fromOther(42L)}), mz::ConversionError);
+  EXPECT_EQ("invalid", memory->getData("K").toString()) << "failed emissions raise nothing";
+  EXPECT_EQ(Names{}, got.take());
+  drain(r);
+  EXPECT_EQ((Names{"K=5", "K=6", "K=8", "K=invalid"}), r->keyValues());
+  EXPECT_EQ(history + 1, memory->getEventHistory("K").getSize()) << "the invalid raise stores no history";
+}
+
+// A key's signal object is made when first asked for; a key that was used in
+// other ways before must behave as if it had had it from birth.
+TEST_F(SignalTest, SignalObjectOfAKeyUsedBeforeDeliversEveryRaiseOnce) {
+  auto r = startModule<Recorder>(broker, "R");
+  const std::pair<std::string, std::function<void(const std::string&)>> histories[] = {
+      {"plain data", [&](const std::string& k) { memory->insertData(k, 1); }},
+      {"described", [&](const std::string& k) { memory->insertData(k, 1), memory->setDescription(k, "d"); }},
+      {"subscribed", [&](const std::string& k) { memory->subscribeToMicroEvent(k, "R", "", "onEvent"); }},
+      {"raised", [&](const std::string& k) { memory->raiseEvent(k, RXValue(1)); }},
+  };
+  for (const auto& [name, history] : histories) {
+    SCOPED_TRACE(name);
+    history("used/" + name);
+    SignalLog got;
+    auto sub = memory->subscriber("used/" + name);
+    sub->signal.connect([&](mz::AnyValue v) { got(v); });
+    memory->raiseMicroEvent("used/" + name, RXValue(2));
+    EXPECT_EQ((Names{"2"}), got.take());
+    EXPECT_EQ(sub, memory->subscriber("used/" + name));
+  }
+  drain(r);
+}
+
+// First requests of the signal object racing with raises: one object per key,
+// and every raise made after a connection reaches it.
+TEST_F(SignalTest, FirstRequestsRacingWithRaisesShareOneObject) {
+  constexpr int kKeys = 200;
+  std::vector<boost::shared_ptr<RXMemorySubscriber>> seen[3];
+  auto key = [](int i) { return "race/" + std::to_string(i); };
+  raceOverKeys(kKeys, {[&](int i) { seen[0].push_back(memory->subscriber(key(i))); },
+                       [&](int i) { seen[1].push_back(memory->subscriber(key(i))); },
+                       [&](int i) { seen[2].push_back(memory->subscriber(key(i))); },
+                       [&](int i) { memory->raiseMicroEvent(key(i), RXValue(i)); }});
+  for (int i = 0; i < kKeys; ++i) {
+    ASSERT_TRUE(seen[0][i] == seen[1][i] && seen[0][i] == seen[2][i]) << key(i);
+    SignalLog got;
+    seen[0][i]->signal.connect([&](mz::AnyValue v) { got(v); });
+    memory->raiseMicroEvent(key(i), RXValue(-i));
+    EXPECT_EQ((Names{std::to_string(-i)}), got.take()) << key(i);
+  }
+}
+
 }  // namespace
+}  // namespace rxtest

@@ -1,25 +1,17 @@
-// The key store: insertion and its bookkeeping events, reads, lists, removal,
-// raw pointer access, descriptions and type queries.
-#include <algorithm>
+// The key store and its events: insertion and the bookkeeping events, reads,
+// lists, removal, raw pointer access, descriptions, types, the errors callers
+// see; start-up, history, the extractor table and protocol, deprecated no-ops.
 #include <atomic>
 #include <future>
-#include <memory>
 
 #include "memory_test_util.h"
 #include "mz/os.h"
+#include "rx/rxbrokermanager.h"
 #include "rx/rxcallcontext.h"
 #include "rx/rxmemorybudget.h"
 
-using RX::MemoryBudget;
-using RX::RXError;
-using RX::RXValue;
-using rxtest::errorOf;
-
+namespace rxtest {
 namespace {
-
-bool contains(const std::vector<std::string>& v, const std::string& s) {
-  return std::find(v.begin(), v.end(), s) != v.end();
-}
 
 RXValue list(std::initializer_list<RXValue> items) {
   RXValue v = RXValue::array();
@@ -27,27 +19,65 @@ RXValue list(std::initializer_list<RXValue> items) {
   return v;
 }
 
-class KeyStoreTest : public rxtest::MemoryTest {};
+class KeyStoreTest : public MemoryTest {};
+
+// Every refusal names its method and the key (and where it was raised).
+TEST_F(KeyStoreTest, ErrorsNameTheMethodAndTheKey) {
+  memory->insertData("d", 1);
+  memory->subscribeToMicroEvent("E", "Foo", "", "onEvent");
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {[&] { (void)memory->getData("q"); }, "getData|Data not found q"},
+      {[&] { memory->removeData("q"); }, "removeData|Data not found q"},
+      {[&] { (void)memory->getStrDataType("q"); }, "getData|Data not found q"},
+      {[&] { (void)memory->getDataType("q"); }, "getData|Data not found q"},
+      {[&] { (void)memory->getDataTimestamp("q"); }, "getData|Data not found q"},
+      {[&] { (void)memory->getEventHistory("q"); }, "getData|Data not found q"},
+      {[&] { (void)memory->getDataSubscriber("q"); }, "getData|Data not found q"},
+      {[&] { (void)memory->getDataOnChange("q", 0); }, "getData|Data not found q"},
+      {[&] { memory->unsubscribeToMicroEvent("q", "Foo"); }, "getData|Data not found q"},
+      {[&] { (void)memory->getDataOnChange("", 0); }, "getDataOnChange|Empty data name cannot be found."},
+      {[&] { memory->unsubscribeToMicroEvent("E", "Bar"); },
+       "UnsubscribeToMicroEvent|Bar is not subscribed to E"},
+      {[&] { memory->unsubscribeToMicroEvent("d", "Bar"); },
+       "UnsubscribeToMicroEvent|Bar is not subscribed to d"},
+      {[&] { memory->setDescription("x", "text"); }, "setDescription|x not found"},
+      {[&] {
+         (void)memory->getDescriptionList({"d", "zz"});
+       },
+       "getDescriptionList|zz not found"},
+  };
+  for (const auto& [call, error] : cases) EXPECT_EQ(error, errorOf(call));
+  auto fileOf = [](const std::function<void()>& f) {
+    try {
+      f();
+    } catch (const RX::RXError& e) {
+      return e.file();
+    }
+    return std::string("no error");
+  };
+  EXPECT_NE(std::string::npos, fileOf(cases[0].first).find("rxbase/src/rxmemory.cpp"));
+  EXPECT_NE(std::string::npos, fileOf(cases[10].first).find("rxbase/src/stmvalue.cpp"));
+}
 
 TEST_F(KeyStoreTest, InsertionRaisesBookkeepingEventsOutsideBehaviorKeys) {
-  auto watcher = rxtest::startModule<rxtest::Recorder>(broker, "Watcher");
-  for (const std::string& e : {RX::Memory::keyAddedKey, RX::Memory::keyTypeChanged, RX::Memory::keyRemovedKey})
+  auto watcher = startModule<Recorder>(broker, "Watcher");
+  for (const std::string& e :
+       {RX::Memory::keyAddedKey, RX::Memory::keyTypeChanged, RX::Memory::keyRemovedKey})
     memory->subscribeToEvent(e, "Watcher", "onEvent");
-
   memory->insertData("k", 1);
-  memory->insertData("k", 2);                 // same type: nothing
-  memory->raiseEvent("k", RXValue(3));        // Data -> Event
+  memory->insertData("k", 2);           // same type: nothing
+  memory->raiseEvent("k", RXValue(3));  // Data -> Event
   memory->removeData("k");
   memory->insertData("_BehaviorX", 1);
   memory->raiseEvent("_BehaviorX", RXValue(2));
   memory->removeData("_BehaviorX");
+  memory->subscribeToEvent("bySubscribing", "Foo", "onEvent");  // keys made by subscribing are silent
   drain(watcher);
-
-  EXPECT_EQ((std::vector<std::string>{"RXMemory/KeyAdded=k", "RXMemory/KeyTypeChanged=k",
-                                      "RXMemory/KeyRemoved=k"}),
+  EXPECT_EQ((Names{"RXMemory/KeyAdded=k", "RXMemory/KeyTypeChanged=k", "RXMemory/KeyRemoved=k"}),
             watcher->keyValues());
   EXPECT_TRUE(contains(memory->getEventList(), "k")) << "removal keeps the extractor entry";
   EXPECT_TRUE(contains(memory->getExtractorEvent("Unknown"), "k")) << "retyped to Event: extractor Unknown";
+  EXPECT_FALSE(contains(memory->getDataListName(), "k"));
 }
 
 TEST_F(KeyStoreTest, FirstKeyAddedRaiseCreatesItselfRecursively) {
@@ -58,8 +88,7 @@ TEST_F(KeyStoreTest, FirstKeyAddedRaiseCreatesItselfRecursively) {
   EXPECT_EQ("RXMemory/KeyAdded", memory->getData(RX::Memory::keyAddedKey).toString(0));
   RXValue history = memory->getEventHistory(RX::Memory::keyAddedKey);
   ASSERT_EQ(2u, history.getSize());
-  EXPECT_EQ("RXMemory/KeyAdded", history[0][0].toString(0));
-  EXPECT_EQ("fresh", history[1][0].toString(0));
+  EXPECT_EQ("RXMemory/KeyAdded fresh", history[0][0].toString(0) + " " + history[1][0].toString(0));
 }
 
 TEST_F(KeyStoreTest, ReadsListsAndFilters) {
@@ -69,55 +98,45 @@ TEST_F(KeyStoreTest, ReadsListsAndFilters) {
   memory->insertData("xabcx", list({RXValue(1), RXValue("a")}));
   memory->insertData("ABC", 0);
   memory->_insertObject("obj", RXValue("buffer"), 99);
-
-  EXPECT_EQ("5", memory->getData("i").toString());
+  EXPECT_EQ("5 1.5 \"text\" [1, \"a\"] \"buffer\"", values({"i", "f", "s", "xabcx", "obj"}));
   EXPECT_EQ("1.5", memory->getData("f", 0).toString());
-  EXPECT_EQ("\"text\"", memory->getData("s").toString());
-  EXPECT_EQ("[1, \"a\"]", memory->getData("xabcx").toString());
-  EXPECT_EQ("\"buffer\"", memory->getData("obj").toString());
-  EXPECT_EQ("getData|Data not found nope", errorOf([&] { (void)memory->getData("nope"); }));
-  try {
-    (void)memory->getData("nope");
-  } catch (const RX::RXError& e) {
-    EXPECT_NE(std::string::npos, e.file().find("rxbase/src/rxmemory")) << e.file();
-  }
-
-  EXPECT_EQ((std::vector<std::string>{"xabcx"}), memory->getDataList("abc"));
-  auto all = memory->getDataList("");
+  EXPECT_EQ((Names{"xabcx"}), memory->getDataList("abc"));
+  const Names all = memory->getDataList("");
   EXPECT_EQ(memory->getDataListName().size(), all.size());
   for (const char* k : {"i", "f", "s", "xabcx", "ABC", "obj", "RXMemory/KeyAdded", "TavroReady"})
     EXPECT_TRUE(contains(all, k)) << k;
-
   // One slot per element; a name may come inside an array; unknown -> invalid.
-  RXValue values = memory->getListData(list({RXValue("i"), list({RXValue("s"), RXValue(1)}), RXValue("nope"),
-                                             RXValue(3)}));
-  EXPECT_EQ("[5, \"text\", invalid, invalid]", values.toString());
+  const RXValue wanted = list({RXValue("i"), list({RXValue("s"), RXValue(1)}), RXValue("nope"), RXValue(3)});
+  EXPECT_EQ("[5, \"text\", invalid, invalid]", memory->getListData(wanted).toString());
   EXPECT_EQ("[]", memory->getListData(RXValue::array()).toString());
 }
 
 TEST_F(KeyStoreTest, InsertListDataStopsAtTheFirstMalformedPair) {
-  testing::internal::CaptureStdout();
-  std::string err = errorOf([&] {
-    memory->insertListData(list({list({RXValue("a"), RXValue(1)}), list({RXValue("f"), RXValue(2.5f)}),
-                                 list({RXValue("b")}), list({RXValue("c"), RXValue(3)})}));
-  });
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ("InsertListData|unable to insert to Memory data with a size < 2. Must be : ['name', value]", err);
-  EXPECT_EQ("malformed data : [\"b\"]\n", out);
-  EXPECT_EQ("1", memory->getData("a").toString());
-  EXPECT_EQ("2.5", memory->getData("f").toString());
-  EXPECT_EQ("getData|Data not found c", errorOf([&] { (void)memory->getData("c"); }));
-
-  testing::internal::CaptureStdout();
-  err = errorOf([&] { memory->insertListData(list({list({RXValue(1), RXValue(2)})})); });
-  EXPECT_EQ("malformed data : [1, 2]\n", testing::internal::GetCapturedStdout());
-  EXPECT_EQ("InsertListData|malformed preferences. No RXMemory data name.", err);
+  const struct {
+    RXValue pairs;
+    const char* printed;
+    const char* error;
+  } cases[] = {
+      {list({list({RXValue("a"), RXValue(1)}), list({RXValue("f"), RXValue(2.5f)}), list({RXValue("b")}),
+             list({RXValue("c"), RXValue(3)})}),
+       "malformed data : [\"b\"]\n",
+       "InsertListData|unable to insert to Memory data with a size < 2. Must be : ['name', value]"},
+      {list({list({RXValue(1), RXValue(2)})}), "malformed data : [1, 2]\n",
+       "InsertListData|malformed preferences. No RXMemory data name."},
+  };
+  for (const auto& c : cases) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(c.error, errorOf([&] { memory->insertListData(c.pairs); }));
+    EXPECT_EQ(c.printed, testing::internal::GetCapturedStdout());
+  }
+  EXPECT_EQ("1 2.5", values({"a", "f"}));
+  EXPECT_FALSE(contains(memory->getDataListName(), "c"));
 }
 
 TEST_F(KeyStoreTest, WritesFailClearlyWhileTheBrokerIsOverItsMemoryCeiling) {
   memory->insertData("kept", 1);
   {
-    MemoryBudget tight(1);
+    RX::MemoryBudget tight(1);
     const std::pair<const char*, std::function<void()>> writes[] = {
         {"insertData", [&] { memory->insertData("new", 2); }},
         {"insertListData", [&] { memory->insertListData(RXValue::array(0)); }},
@@ -125,13 +144,8 @@ TEST_F(KeyStoreTest, WritesFailClearlyWhileTheBrokerIsOverItsMemoryCeiling) {
         {"raiseMicroEvent", [&] { memory->raiseMicroEvent("M", RXValue(1)); }},
     };
     for (const auto& [method, write] : writes) {
-      try {
-        write();
-        ADD_FAILURE() << method << " was accepted over the ceiling";
-      } catch (const RXError& e) {
-        EXPECT_EQ(method, e.method());
-        EXPECT_EQ(0u, e.message().find("memory limit reached: resident ")) << e.message();
-      }
+      const std::string error = errorOf(write);
+      EXPECT_EQ(0u, error.find(std::string(method) + "|memory limit reached: resident ")) << error;
     }
     EXPECT_EQ(1, memory->getData("kept").toInt()) << "reads go on";
     memory->removeData("kept");  // and so does freeing memory
@@ -140,65 +154,37 @@ TEST_F(KeyStoreTest, WritesFailClearlyWhileTheBrokerIsOverItsMemoryCeiling) {
   EXPECT_EQ(2, memory->getData("new").toInt());
 }
 
-TEST_F(KeyStoreTest, RemovalRules) {
-  EXPECT_EQ("removeData|Data not found ghost", errorOf([&] { memory->removeData("ghost"); }));
-  memory->insertData("gone", 1);
-  memory->removeData("gone");
-  EXPECT_FALSE(contains(memory->getDataListName(), "gone"));
-
-  memory->insertData("pinned", 1);
-  (void)memory->getPtrData("pinned");
-  EXPECT_EQ("removeData|Data pinned can't be erased because it has been accessed using getDataPtr",
-            errorOf([&] { memory->removeData("pinned"); }));
-  EXPECT_EQ("1", memory->getData("pinned").toString());
-}
-
-TEST_F(KeyStoreTest, PointerAccessFreezesTheValueKind) {
-  rxtest::LogCapture log;
-  auto watcher = rxtest::startModule<rxtest::Recorder>(broker, "Watcher");
+TEST_F(KeyStoreTest, PointerAccessPinsTheKeyAndFreezesItsKind) {
+  LogCapture log;
+  auto watcher = startModule<Recorder>(broker, "Watcher");
   memory->subscribeToEvent(RX::Memory::keyAddedKey, "Watcher", "onEvent");
-
   // An unknown key is created silently (no KeyAdded), with a warning.
   int* address = static_cast<int*>(memory->getPtrData("p"));
   ASSERT_NE(nullptr, address);
-  EXPECT_TRUE(log.has("rxmemory|2|getPtrValue on stmvalue with no type: p"));
-  EXPECT_EQ("Data", memory->getStrDataType("p"));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|2|getPtrValue on stmvalue with no type: p"));
   memory->insertData("p", 5);  // the first number into an empty pinned key is allowed
   EXPECT_EQ(address, memory->getPtrData("p"));
   memory->insertData("p", 6);
   EXPECT_EQ(6, *address) << "same-kind writes keep the address";
-  EXPECT_EQ("setValue|Can't change the type of the value from int to string because getDataPtr has been called on it.",
-            errorOf([&] { memory->insertData("p", std::string("s")); }));
-  EXPECT_EQ("setValue|Can't change the type of the value from int to float because getDataPtr has been called on it.",
-            errorOf([&] { memory->raiseEvent("p", RXValue(1.0f)); }));
-  EXPECT_EQ("6", memory->getData("p").toString());
-  EXPECT_EQ("Data", memory->getStrDataType("p")) << "a refused write changes no type";
+  auto refused = [](const std::string& kind) {
+    return "setValue|Can't change the type of the value from int to " + kind +
+           " because getDataPtr has been called on it.";
+  };
+  EXPECT_EQ(refused("string"), errorOf([&] { memory->insertData("p", std::string("s")); }));
+  EXPECT_EQ(refused("float"), errorOf([&] { memory->raiseEvent("p", RXValue(1.0f)); }));
+  EXPECT_EQ("removeData|Data p can't be erased because it has been accessed using getDataPtr",
+            errorOf([&] { memory->removeData("p"); }));
+  EXPECT_EQ("6 Data", values({"p"}) + " " + types({"p"})) << "a refused write changes no value nor type";
   EXPECT_EQ("invalid", memory->getEventHistory("p").toString()) << "nor appends history";
   drain(watcher);
-  EXPECT_EQ(std::vector<std::string>{}, watcher->keyValues());
-}
+  EXPECT_EQ(Names{}, watcher->keyValues());
 
-// The address handed out for a key that has no value yet is where its first
-// number is written, and where later writes of that kind are seen.
-TEST_F(KeyStoreTest, AddressOfAnEmptyKeyReceivesTheFirstNumber) {
-  const struct {
-    const char* key;
-    RXValue first;
-    RXValue second;
-  } cases[] = {{"i", RXValue(42), RXValue(43)}, {"f", RXValue(1.5f), RXValue(-2.25f)}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.key);
-    void* address = memory->getPtrData(c.key);
-    ASSERT_NE(nullptr, address);
-    auto seen = [&] {
-      return c.first.isInt() ? RXValue(*static_cast<int*>(address)) : RXValue(*static_cast<float*>(address));
-    };
-    memory->insertData(c.key, c.first);
-    EXPECT_EQ(c.first, seen());
-    memory->insertData(c.key, c.second);
-    EXPECT_EQ(c.second, seen());
-    EXPECT_EQ(address, memory->getPtrData(c.key));
-  }
+  // A float key's first number lands at the address handed out before it.
+  float* f = static_cast<float*>(memory->getPtrData("f"));
+  memory->insertData("f", 1.5f);
+  EXPECT_EQ(1.5f, *f);
+  memory->insertData("f", -2.25f);
+  EXPECT_EQ(-2.25f, *f);
 }
 
 TEST_F(KeyStoreTest, DescriptionsAndTypes) {
@@ -206,32 +192,22 @@ TEST_F(KeyStoreTest, DescriptionsAndTypes) {
   memory->declareEvent("e");
   memory->raiseMicroEvent("m", RXValue(1));
   (void)memory->getPtrData("ptr");
-  EXPECT_EQ("setDescription|x not found", errorOf([&] { memory->setDescription("x", "text"); }));
   memory->setDescription("d", "a plain key");
-
   // A non-empty request gives filler slots first, then the entries.
   EXPECT_EQ("[invalid, [\"d\", \"data\", \"a plain key\"]]", memory->getDescriptionList({"d"}).toString());
   EXPECT_EQ("[invalid, invalid, [\"e\", \"event\", \"\"], [\"m\", \"event\", \"\"]]",
             memory->getDescriptionList({"e", "m"}).toString());
   EXPECT_EQ("[invalid, [\"ptr\", \"data\", \"\"]]", memory->getDescriptionList({"ptr"}).toString());
-  EXPECT_EQ("getDescriptionList|zz not found", errorOf([&] { (void)memory->getDescriptionList({"d", "zz"}); }));
-  RXValue all = memory->getDescriptionList({});
-  EXPECT_EQ(memory->getDataListName().size(), all.getSize());
-
+  EXPECT_EQ(memory->getDataListName().size(), memory->getDescriptionList({}).getSize());
   memory->removeData("d");
   memory->insertData("d", 1);
   EXPECT_EQ("[invalid, [\"d\", \"data\", \"\"]]", memory->getDescriptionList({"d"}).toString());
-
-  EXPECT_EQ("Data", memory->getStrDataType("d"));
-  EXPECT_EQ("Event", memory->getStrDataType("e"));
-  EXPECT_EQ("MicroEvent", memory->getStrDataType("m"));
+  EXPECT_EQ("Data Event MicroEvent Data", types({"d", "e", "m", "ptr"}));
   EXPECT_EQ(RX::MicroEvent, memory->getDataType("m"));
-  EXPECT_EQ("getData|Data not found q", errorOf([&] { (void)memory->getStrDataType("q"); }));
-  EXPECT_EQ("getData|Data not found q", errorOf([&] { (void)memory->getDataType("q"); }));
-  EXPECT_EQ("getData|Data not found q", errorOf([&] { (void)memory->getDataTimestamp("q"); }));
 }
 
 TEST_F(KeyStoreTest, TimestampIsRenewedOnEveryWrite) {
+  auto micros = [](const mz::os::timeval& tv) { return int64_t(tv.tv_sec) * 1000000 + tv.tv_usec; };
   mz::os::timeval before, after;
   mz::os::gettimeofday(&before);
   memory->insertData("t", 7);
@@ -240,30 +216,15 @@ TEST_F(KeyStoreTest, TimestampIsRenewedOnEveryWrite) {
   ASSERT_EQ(3u, stamp.getSize());
   EXPECT_EQ("7", stamp[0].toString());
   const int64_t first = int64_t(stamp[1].toInt()) * 1000000 + stamp[2].toInt();
-  EXPECT_LE(before.tv_sec * 1000000 + before.tv_usec, first);
-  EXPECT_GE(after.tv_sec * 1000000 + after.tv_usec, first);
-  EXPECT_EQ(stamp, memory->getDataTimestamp("t"));
-
+  EXPECT_LE(micros(before), first);
+  EXPECT_GE(micros(after), first);
   // Wait for the clock to move on (no sleep: spin on the clock itself).
-  for (mz::os::timeval tv = after; tv.tv_sec * 1000000 + tv.tv_usec <= first; mz::os::gettimeofday(&tv)) {
+  for (mz::os::timeval tv = after; micros(tv) <= first; mz::os::gettimeofday(&tv)) {
   }
   memory->insertData("t", 7);
   RXValue again = memory->getDataTimestamp("t");
-  EXPECT_LT(first, int64_t(again[1].toInt()) * 1000000 + again[2].toInt()) << "an equal value is a full write";
-}
-
-TEST_F(KeyStoreTest, GetDataOnChangeReturnsTheNextDifferentValue) {
-  EXPECT_EQ("getDataOnChange|Empty data name cannot be found.",
-            errorOf([&] { (void)memory->getDataOnChange("", 0); }));
-  EXPECT_EQ("getData|Data not found w", errorOf([&] { (void)memory->getDataOnChange("w", 0); }));
-  memory->insertData("w", 1);
-  auto changed = std::async(std::launch::async, [&] { return memory->getDataOnChange("w", 0); });
-  // The poller's first read may come after any of these writes; keep writing
-  // new values until it reports one.
-  for (int v = 2; v < 100 && changed.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready; ++v)
-    memory->insertData("w", v);
-  ASSERT_EQ(std::future_status::ready, changed.wait_for(std::chrono::seconds(5)));
-  EXPECT_GE(changed.get().toInt(), 2);
+  EXPECT_LT(first, int64_t(again[1].toInt()) * 1000000 + again[2].toInt())
+      << "an equal value is a full write";
 }
 
 TEST_F(KeyStoreTest, GetDataOnChangeStopsPollingWhenItsCallerHasGone) {
@@ -280,4 +241,170 @@ TEST_F(KeyStoreTest, GetDataOnChangeStopsPollingWhenItsCallerHasGone) {
   EXPECT_EQ(1, call.get().toInt()) << "the unchanged current value";
 }
 
+class EventsTest : public MemoryTest {};
+
+// The values of a history, oldest first; every entry is [value, seconds, microseconds].
+std::string historyValues(const RXValue& history) {
+  if (!history.isValid()) return "invalid";
+  std::string out;
+  for (std::size_t i = 0; i < history.getSize(); ++i) {
+    EXPECT_TRUE(history[i].getSize() == 3 && history[i][1].isInt() && history[i][2].isInt());
+    out += (i ? " " : "") + history[i][0].toString(0);
+  }
+  return out;
+}
+
+TEST_F(EventsTest, StartUpDeclaresBookkeepingEventsThenRaisesTavroReady) {
+  EXPECT_EQ((Names{"RXMemory/KeyAdded", "RXMemory/KeyRemoved", "RXMemory/KeyTypeChanged"}),
+            memory->getExtractorEvent("Unknown"));
+  // Each declaration was reported through KeyAdded, in declaration order.
+  EXPECT_EQ("RXMemory/KeyAdded RXMemory/KeyRemoved RXMemory/KeyTypeChanged TavroReady",
+            historyValues(memory->getEventHistory(RX::Memory::keyAddedKey)));
+  EXPECT_EQ("0 MicroEvent",
+            memory->getData("TavroReady").toString() + " " + memory->getStrDataType("TavroReady"));
+  EXPECT_EQ(0, _closeModule());
+  EXPECT_EQ(memory, broker->getModule("RXMemory")) << "_closeModule does not stop the module";
+}
+
+TEST(MemoryLifecycleTest, TavroReadyReachesAnEarlySubscriberOnce) {
+  auto broker = RX::RXBroker::create("early-broker");
+  // _createModule's steps, with a subscription made before init().
+  RX::RXBrokerManager::setInstance(broker->getBrokerManager().lock());
+  RX::RXBrokerManager::getInstance()->addBroker(broker);
+  auto early = startModule<Recorder>(broker, "Early");
+  auto memory = boost::make_shared<RX::RXMemory>(broker, "RXMemory");
+  memory->subscribeToMicroEvent("TavroReady", "Early", "up", "onEvent");
+  memory->subscribeToMicroEvent("Sentinel", "Early", "", "onEvent");
+  memory->initModule();
+  memory->init();
+  memory->raiseMicroEvent("Sentinel", RXValue(1));
+  ASSERT_TRUE(early->waitFor(2));
+  auto got = early->items();
+  ASSERT_EQ(2u, got.size());
+  EXPECT_EQ("TavroReady 0 \"up\" Sentinel",
+            got[0].key + " " + got[0].value.toString() + " " + got[0].message.toString() + " " + got[1].key);
+  // The broker's manager was never set (expired): an empty one is installed.
+  auto brokers = RX::RXBrokerManager::getInstance()->getBrokers();
+  EXPECT_NE(brokers.end(), std::find(brokers.begin(), brokers.end(), broker));
+  memory.reset();
+  broker->shutdown();
+}
+
+TEST_F(EventsTest, HistoryKeepsTheLast50RaisedValuesOldestFirst) {
+  memory->insertData("plain", 1);
+  EXPECT_EQ("invalid", historyValues(memory->getEventHistory("plain")));
+  memory->raiseEvent("e", RXValue());
+  EXPECT_EQ("[]", memory->getEventHistory("e").toString()) << "the ring exists but stores no invalid value";
+  std::string expected;
+  for (int i = 0; i <= 50; ++i) {
+    memory->raiseEvent("e", RXValue(i));
+    if (i > 0) expected += (i > 1 ? " " : "") + std::to_string(i);
+  }
+  EXPECT_EQ(expected, historyValues(memory->getEventHistory("e")));
+  memory->raiseMicroEvent("m", RXValue(1));
+  memory->raiseMicroEvent("plain", RXValue(1));
+  EXPECT_EQ("invalid invalid", historyValues(memory->getEventHistory("m")) + " " +
+                                   historyValues(memory->getEventHistory("plain")));
+  memory->insertData("e", 99);
+  EXPECT_EQ(50u, memory->getEventHistory("e").getSize()) << "insertion appends no history";
+}
+
+TEST_F(EventsTest, ExtractorTable) {
+  memory->declareEvent("E", "X");
+  EXPECT_EQ((Names{"E"}), memory->getExtractorEvent("X"));
+  memory->declareEvent("E2");
+  memory->insertData("d", 5);
+  memory->declareEvent("d");  // retypes and resets the value
+  EXPECT_EQ("invalid Event", values({"d"}) + " " + types({"d"}));
+  Names unknown = memory->getExtractorEvent("Unknown");
+  EXPECT_TRUE(contains(unknown, "E2") && contains(unknown, "d"));
+  // Subscribing to a never-declared event leaves an empty extractor name.
+  memory->subscribeToEvent("U", "M", "onEvent");
+  EXPECT_EQ((Names{"U"}), memory->getExtractorEvent(""));
+  EXPECT_EQ("Event", types({"U"}));
+
+  memory->raiseMicroEvent("mic", RXValue(1));
+  Names events = memory->getEventList();
+  EXPECT_TRUE(std::is_sorted(events.begin(), events.end()));
+  EXPECT_FALSE(contains(events, "mic"));
+  Names micro = memory->getMicroEventList();
+  std::sort(micro.begin(), micro.end());
+  EXPECT_EQ((Names{"TavroReady", "mic"}), micro);
+
+  memory->removeEvent("E");
+  EXPECT_EQ(Names{}, memory->getExtractorEvent("X"));
+  EXPECT_EQ("removeData|Data not found E", errorOf([&] { memory->removeEvent("E"); }));
+  memory->declareEvent("P", "X");
+  (void)memory->getPtrData("P");
+  EXPECT_NE("no error", errorOf([&] { memory->removeEvent("P"); }));
+  EXPECT_EQ((Names{"P"}), memory->getExtractorEvent("X")) << "a failed removal keeps the entry";
+  memory->removeMicroEvent("mic");
+  EXPECT_EQ((Names{"TavroReady"}), memory->getMicroEventList());
+}
+
+TEST_F(EventsTest, ExtractorIsToldAboutEachEventSubscription) {
+  LogCapture log;
+  auto x = startModule<Extractor>(broker, "X", Extractor::kWorking);
+  auto y = startModule<Extractor>(broker, "Y", Extractor::kNoPrecision);
+  memory->declareEvent("E", "X");
+  memory->declareEvent("F", "Y");
+  memory->declareEvent("G", "Missing");
+
+  memory->subscribeToEvent("E", "M", "onEvent");
+  EXPECT_EQ((Names{"subscribe:ME"}), x->items()) << "the call blocks until the extractor answered";
+  memory->subscribeToEvent("E", "M", "msg", "onEvent");    // no counting: told again
+  memory->subscribeToMicroEvent("E", "N", "", "onEvent");  // micro-event subscriptions tell nobody
+  memory->unsubscribeToEvent("E", "M");
+  EXPECT_EQ((Names{"subscribe:ME", "subscribe:ME", "unsubscribe:ME"}), x->items());
+  EXPECT_EQ("getData|Data not found nope", errorOf([&] { memory->unsubscribeToEvent("nope", "M"); }));
+  EXPECT_EQ("UnsubscribeToMicroEvent|M is not subscribed to E",
+            errorOf([&] { memory->unsubscribeToEvent("E", "M"); }));
+  EXPECT_EQ(3u, x->size()) << "failed unsubscriptions do not reach the extractor";
+
+  memory->subscribeToEvent("F", "M", "onEvent");
+  memory->unsubscribeToEvent("F", "M");
+  EXPECT_EQ(Names{}, y->items()) << "a module without getCurrentPrecision is no extractor";
+  memory->subscribeToEvent("G", "M", "onEvent");  // extractor not running: no error
+  EXPECT_EQ((Names{"M"}), memory->getDataSubscriber("G"));
+  memory->subscribeToMicroEvent("V", "M", "", "onEvent");
+  memory->unsubscribeToEvent("V", "M");
+  EXPECT_TRUE(contains(log.items(), "rxmemory|3|stopExtractor no extractor for V\n"));
+}
+
+TEST_F(EventsTest, FailingExtractorIsLoggedAndTheSubscriptionStands) {
+  auto x = startModule<Extractor>(broker, "X", Extractor::kFailing);
+  const struct {
+    const char *event, *extractor, *error;
+  } cases[] = {{"E", "X", "generator offline for ME"}, {"G", "Gone", "Module not found: Gone"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.extractor);
+    memory->declareEvent(c.event, c.extractor);
+    LogCapture log;
+    memory->subscribeToEvent(c.event, "M", "onEvent");
+    EXPECT_EQ((Names{"M"}), memory->getDataSubscriber(c.event));
+    memory->unsubscribeToEvent(c.event, "M");
+    Names warnings;
+    for (const std::string& line : log.items())
+      if (line.rfind("rxmemory|2|", 0) == 0) warnings.push_back(line);
+    const std::string prefix = std::string("rxmemory|2|Extractor ") + c.extractor + " of event " + c.event;
+    EXPECT_EQ(
+        (Names{prefix + " failed on subscribe: " + c.error, prefix + " failed on unsubscribe: " + c.error}),
+        warnings);
+  }
+}
+
+TEST_F(EventsTest, DeprecatedMethodsOnlyLog) {
+  LogCapture log;
+  memory->subscribeToMicroEvent("E", "M", "", "onEvent");
+  memory->unregisterModuleReference("M");
+  memory->subscribeOnDataSetTimePolicy("E", "M", 10);
+  memory->subscribeOnDataSetSynchronizeResponse("E", "M", true);
+  EXPECT_EQ((Names{"M"}), memory->getDataSubscriber("E"));
+  EXPECT_TRUE(
+      contains(log.items(), "rxmemory|2|unregisterModuleReference is deprecated and can be removed."));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|1|RXMemory::subscribeOnDataSetTimePolicy is NO-OP"));
+  EXPECT_TRUE(contains(log.items(), "rxmemory|1|RXMemory::subscribeOnDataSetSynchronizeResponse is NO-OP"));
+}
+
 }  // namespace
+}  // namespace rxtest

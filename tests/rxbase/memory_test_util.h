@@ -1,19 +1,22 @@
 // Helpers for the memory module's tests: a broker with the module created
 // through _createModule, subscriber modules that record their callbacks, an
-// extractor module, and a capture of log lines. Waits are bounded.
+// extractor module, a service with signals, and captures of log lines and of
+// signal deliveries. Waits are bounded (support/wait.h).
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
-#include <gtest/gtest.h>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "mz/object.h"
 #include "mz/session.h"
@@ -23,18 +26,22 @@
 #include "rx/rxmodule.h"
 #include "rxmemory.h"
 #include "rxmemorysubscriber.h"
+#include "support/wait.h"
 
 namespace rxtest {
 
+using Names = std::vector<std::string>;
+using RX::RXValue;
+using S = std::string;
+
 struct Notification {
-  std::string method;
-  std::string key;
-  RX::RXValue value;
-  RX::RXValue message;
+  std::string method, key;
+  RXValue value, message;
 };
 
-// A module publishing onEvent and onOther(key, value, message), recording every call.
-class Recorder : public RX::RXModule {
+// A module publishing onEvent and onOther(key, value, message); every call
+// is collected in arrival order.
+class Recorder : public RX::RXModule, public testsupport::Collector<Notification> {
  public:
   Recorder(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
     for (const char* method : {"onEvent", "onOther"}) {
@@ -43,98 +50,65 @@ class Recorder : public RX::RXModule {
       addParam("value", "value");
       addParam("message", "message");
       advertiseMethod(getCurrentMethodDescription(), this,
-                      std::string(method) == "onEvent" ? &Recorder::onEvent : &Recorder::onOther);
+                      method[2] == 'E' ? &Recorder::onEvent : &Recorder::onOther);
     }
   }
-  void onEvent(const std::string& key, const RX::RXValue& value, const RX::RXValue& message) {
-    record({"onEvent", key, value, message});
+  void onEvent(const std::string& key, const RXValue& value, const RXValue& message) {
+    add({"onEvent", key, value, message});
   }
-  void onOther(const std::string& key, const RX::RXValue& value, const RX::RXValue& message) {
-    record({"onOther", key, value, message});
+  void onOther(const std::string& key, const RXValue& value, const RXValue& message) {
+    add({"onOther", key, value, message});
   }
-  // True once at least n calls have arrived; false after the timeout.
-  bool waitFor(std::size_t n, std::chrono::seconds timeout = std::chrono::seconds(10)) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, timeout, [&] { return received_.size() >= n; });
-  }
-  // True once at least n calls for key have arrived; false after the timeout.
-  bool waitForKey(const std::string& key, std::size_t n,
-                  std::chrono::seconds timeout = std::chrono::seconds(10)) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, timeout, [&] { return countLocked(key) >= n; });
-  }
-  std::size_t count(const std::string& key) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return countLocked(key);
-  }
-  std::vector<Notification> received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
+  std::size_t count(const std::string& key) const {
+    std::size_t n = 0;
+    for (const Notification& r : items()) n += r.key == key;
+    return n;
   }
   // "key=value" of every call but the drain sentinels, in arrival order.
-  std::vector<std::string> keyValues() {
-    std::vector<std::string> out;
-    for (const Notification& n : received())
+  Names keyValues() const {
+    Names out;
+    for (const Notification& n : items())
       if (n.key != "Sentinel") out.push_back(n.key + "=" + n.value.toString(0));
     return out;
   }
-
- private:
-  std::size_t countLocked(const std::string& key) const {
-    std::size_t n = 0;
-    for (const Notification& r : received_)
-      if (r.key == key) ++n;
-    return n;
-  }
-  void record(Notification n) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    received_.push_back(std::move(n));
-    cond_.notify_all();
-  }
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<Notification> received_;
 };
 
-// A module answering "subscribe"/"unsubscribe", with or without the
-// "getCurrentPrecision" method that marks an extractor.
-class Extractor : public RX::RXModule {
+// A module answering "subscribe"/"unsubscribe" (collected as "subscribe:ID"),
+// with or without the "getCurrentPrecision" method that marks an extractor;
+// a failing one throws from both instead.
+class Extractor : public RX::RXModule, public testsupport::Collector<std::string> {
  public:
-  Extractor(boost::shared_ptr<RX::RXBroker> broker, const std::string& name, bool offersPrecision)
-      : RXModule(broker, name) {
-    functionName("subscribe", name, "Starts generating");
-    addParam("subscriberId", "id");
-    advertiseMethod(getCurrentMethodDescription(), this, &Extractor::subscribe);
-    functionName("unsubscribe", name, "Stops generating");
-    addParam("subscriberId", "id");
-    advertiseMethod(getCurrentMethodDescription(), this, &Extractor::unsubscribe);
-    if (offersPrecision) {
-      functionName("getCurrentPrecision", name, "Precision");
-      advertiseMethod(getCurrentMethodDescription(), this, &Extractor::getCurrentPrecision);
+  enum Kind { kNoPrecision, kWorking, kFailing };
+  Extractor(boost::shared_ptr<RX::RXBroker> broker, const std::string& name, Kind kind)
+      : RXModule(broker, name), kind_(kind) {
+    for (const char* method : {"subscribe", "unsubscribe"}) {
+      functionName(method, name, "Starts or stops generating");
+      addParam("subscriberId", "id");
+      advertiseMethod(getCurrentMethodDescription(), this,
+                      method[0] == 's' ? &Extractor::subscribe : &Extractor::unsubscribe);
     }
+    if (kind == kNoPrecision) return;
+    functionName("getCurrentPrecision", name, "Precision");
+    advertiseMethod(getCurrentMethodDescription(), this, &Extractor::getCurrentPrecision);
   }
-  void subscribe(const std::string& id) { add("subscribe:" + id); }
-  void unsubscribe(const std::string& id) { add("unsubscribe:" + id); }
+  void subscribe(const std::string& id) { call("subscribe:" + id); }
+  void unsubscribe(const std::string& id) { call("unsubscribe:" + id); }
   float getCurrentPrecision() { return 1.0f; }
-  std::vector<std::string> calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
 
  private:
-  void add(const std::string& call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(call);
+  void call(const std::string& what) {
+    if (kind_ == kFailing)
+      throw std::runtime_error("generator offline for " + what.substr(what.find(':') + 1));
+    add(what);
   }
-  std::mutex mutex_;
-  std::vector<std::string> calls_;
+  const Kind kind_;
 };
 
 // A service of the messaging layer with signals of one value, standing for the
 // services whose signals the memory maps onto events.
 class FakeService : public mz::DynamicObject {
  public:
-  explicit FakeService(const std::vector<std::string>& signalNames) {
+  explicit FakeService(const Names& signalNames) {
     for (const std::string& name : signalNames) {
       auto signal = std::make_unique<mz::SignalF<void(mz::AnyValue)>>();
       advertiseSignal(name, signal.get());
@@ -153,8 +127,7 @@ class FakeService : public mz::DynamicObject {
 
 // Registers a FakeService under name in the broker's session.
 inline std::shared_ptr<FakeService> registerFakeService(const boost::shared_ptr<RX::RXBroker>& broker,
-                                                        const std::string& name,
-                                                        const std::vector<std::string>& signalNames,
+                                                        const std::string& name, const Names& signalNames,
                                                         unsigned int* id = nullptr) {
   auto service = std::make_shared<FakeService>(signalNames);
   const unsigned int serviceId = broker->session()->registerService(name, mz::AnyObject(service));
@@ -171,30 +144,57 @@ boost::shared_ptr<M> startModule(const boost::shared_ptr<RX::RXBroker>& broker, 
 }
 
 // Collects the log lines written while it lives ("category|level|message").
-class LogCapture {
+class LogCapture : public testsupport::Collector<std::string> {
  public:
   LogCapture() {
     id_ = RX::log::addObserver([this](const std::string& category, int level, const std::string& message) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back(category + "|" + std::to_string(level) + "|" + message);
+      add(category + "|" + std::to_string(level) + "|" + message);
     });
   }
   ~LogCapture() { RX::log::removeObserver(id_); }
-  std::vector<std::string> lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  bool has(const std::string& line) {
-    for (const std::string& l : lines())
-      if (l == line) return true;
-    return false;
-  }
 
  private:
   int id_;
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
 };
+
+// Collects the values delivered to a key's signal as text (delivery is synchronous).
+struct SignalLog : testsupport::Collector<std::string> {
+  void operator()(const mz::AnyValue& v) { add(v.toRXValue().toString()); }
+  Names take() {
+    Names got = items();
+    clear();
+    return got;
+  }
+};
+
+inline bool contains(const Names& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// Runs every job on its own thread and waits for all, each for at most 60 s.
+inline void runAll(const std::vector<std::function<void()>>& jobs) {
+  std::vector<std::future<void>> running;
+  for (const auto& job : jobs) running.push_back(std::async(std::launch::async, job));
+  for (auto& r : running)
+    ASSERT_EQ(std::future_status::ready, r.wait_for(std::chrono::seconds(60))) << "a worker is stuck";
+  for (auto& r : running) r.get();
+}
+
+// Runs every job on its own thread over the keys 0..n-1; the jobs meet at
+// each key before touching it, so that what they do to it really overlaps.
+inline void raceOverKeys(int n, const std::vector<std::function<void(int)>>& jobs) {
+  std::vector<std::atomic<std::size_t>> arrived(static_cast<std::size_t>(n));
+  std::vector<std::function<void()>> threads;
+  for (const auto& job : jobs)
+    threads.push_back([&arrived, &jobs, job, n] {
+      for (int i = 0; i < n; ++i) {
+        arrived[i].fetch_add(1);
+        while (arrived[i].load() < jobs.size()) std::this_thread::yield();
+        job(i);
+      }
+    });
+  runAll(threads);
+}
 
 // Raises a micro-event that `r` is subscribed to and waits for it: since posts
 // to one module arrive in order, everything posted before has arrived. Counted
@@ -202,8 +202,12 @@ class LogCapture {
 inline void drain(const boost::shared_ptr<RX::RXMemory>& memory, const boost::shared_ptr<Recorder>& r) {
   const std::size_t before = r->count("Sentinel");
   memory->subscribeToMicroEvent("Sentinel", r->getName(), "", "onEvent");
-  memory->raiseMicroEvent("Sentinel", RX::RXValue(0));
-  ASSERT_TRUE(r->waitForKey("Sentinel", before + 1)) << r->getName() << " never received the sentinel";
+  memory->raiseMicroEvent("Sentinel", RXValue(0));
+  ASSERT_TRUE(r->waitUntil([&](const std::vector<Notification>& got) {
+    return std::count_if(got.begin(), got.end(), [](const Notification& n) { return n.key == "Sentinel"; }) >
+           static_cast<std::ptrdiff_t>(before);
+  })) << r->getName()
+      << " never received the sentinel";
   memory->unsubscribeToMicroEvent("Sentinel", r->getName());
 }
 
@@ -222,8 +226,20 @@ class MemoryTest : public ::testing::Test {
     memory.reset();
     broker->shutdown();
   }
-
   void drain(const boost::shared_ptr<Recorder>& r) { rxtest::drain(memory, r); }
+  // The values, or the kinds, of keys joined by spaces: one check is one line.
+  std::string values(const Names& keys) {
+    return join(keys, [&](auto& k) { return memory->getData(k).toString(); });
+  }
+  std::string types(const Names& keys) {
+    return join(keys, [&](auto& k) { return memory->getStrDataType(k); });
+  }
+  template <typename F>
+  static std::string join(const Names& keys, F f) {
+    std::string out;
+    for (const std::string& k : keys) out += (out.empty() ? "" : " ") + f(k);
+    return out;
+  }
 
   boost::shared_ptr<RX::RXBroker> broker;
   boost::shared_ptr<RX::RXMemory> memory;
