@@ -1,11 +1,11 @@
 // What waits for a slow socket: frames leave whole and in order, a capped lane
 // drops its oldest waiting frame (never one already started, never an
 // uncapped one), and many frames go out in one gather.
+#include "net/outbox.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "net/outbox.h"
 
 namespace {
 
@@ -32,7 +32,6 @@ TEST(Outbox, CappedLanesDropTheirOldestWaitingFrameOnly) {
   EXPECT_EQ(0u, box.push("R2.", net::Outbox::kUncapped, 0)) << "uncapped frames are never dropped";
   EXPECT_EQ(15u, box.unsent());
   EXPECT_EQ(15u + 5 * net::Outbox::kFrameOverhead, box.footprint());
-
   // a2 starts going out: it can no longer be dropped, so a4 and a5 drop a3 and a4.
   EXPECT_EQ("R1.a", take(box, 4));
   EXPECT_EQ(0u, box.push("a4.", kPosts, 2));
@@ -54,8 +53,7 @@ TEST(Outbox, GathersManyFramesAndResumesMidFrame) {
   iovec iov[64];
   EXPECT_EQ(64, box.gather(iov, 64)) << "one system call takes up to the batch size";
   std::string out;
-  for (std::size_t budget : {3u, 1u, 50u, 7u, 5000u}) out += take(box, budget);
-  EXPECT_EQ(all.substr(0, out.size()), out);
+  for (std::size_t budget : {3u, 1u, 50u, 7u, 5000u, 13u}) out += take(box, budget);
   while (!box.empty()) out += take(box, 13);
   EXPECT_EQ(all, out);
 }

@@ -1,6 +1,7 @@
-// Shared pieces of the transport tests: a broker with a test module served
-// over a real socket, and a client process part (a ClientSession, a client
-// broker and a client module) in the same test process.
+// Shared pieces of the transport tests: test modules, a broker serving one
+// over a real socket with a client process part (a ClientSession, a client
+// broker and a client module) in the same test process, and raw connections
+// that speak the protocol by hand.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,10 +9,6 @@
 
 #include <atomic>
 #include <boost/make_shared.hpp>
-#include <boost/shared_ptr.hpp>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -19,48 +16,33 @@
 #include <string>
 #include <vector>
 
+#include "codec_util.h"
 #include "mz/object.h"
 #include "mz/session.h"
 #include "net/clientsession.h"
+#include "net/connection.h"
 #include "net/remoteobject.h"
 #include "net/server.h"
+#include "net/wirecodec.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
+#include "support/wait.h"
 
 namespace nettest {
 
 using namespace std::chrono_literals;
-constexpr std::chrono::milliseconds kWait = 5s;
+using testsupport::kWait;
+using Recorder = testsupport::Collector<RX::RXValue>;
 
-// Collects values delivered on other threads; tests wait for a count with a
-// time limit.
-class Recorder {
- public:
-  void add(const RX::RXValue& v) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    values_.push_back(v);
-    cond_.notify_all();
-  }
-  [[nodiscard]] bool waitFor(std::size_t n, std::chrono::milliseconds timeout = kWait) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, timeout, [&] { return values_.size() >= n; });
-  }
-  std::vector<RX::RXValue> values() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_;
-  }
-  std::size_t size() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_.size();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<RX::RXValue> values_;
-};
+// Publishes `member` as method `name` of module `m`, one unnamed parameter per argument.
+template <class M, class R, class... A>
+void advertise(M* m, const std::string& name, R (M::*member)(A...), int mask = 0) {
+  m->functionName(name, m->getName(), "", mask);
+  for (std::size_t i = 0; i < sizeof...(A); ++i) m->addParam("p" + std::to_string(i), "");
+  m->advertiseMethod(m->getCurrentMethodDescription(), m, member);
+}
 
 // A registered object type handed out by the broker's test module.
 struct Counter {
@@ -69,67 +51,32 @@ struct Counter {
   ~Counter() { destroyed.set_value(); }
 };
 
-inline void registerCounterType() {
-  static const bool done = [] {
-    mz::ObjectTypeBuilder<Counter>("Counter").advertiseSignal("changed", &Counter::changed).registerType();
-    return true;
-  }();
-  (void)done;
-}
-
 // The broker's module: values, errors, a raw-pointer method, a call back into
 // a client, object references and a signal.
 class CalcModule : public RX::RXModule {
  public:
   explicit CalcModule(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Calc") {
-    registerCounterType();
+    static const bool registered = (mz::ObjectTypeBuilder<Counter>("Counter")
+                                        .advertiseSignal("changed", &Counter::changed)
+                                        .registerType(),
+                                    true);
+    (void)registered;
     setModuleDescription("Test module of the transport.");
-    functionName("echo", "Calc", "Returns its argument.");
-    addParam("value", "Any value.");
-    setReturn("value", "The argument.");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::echo);
-    functionName("add", "Calc", "Adds two ints.");
-    addParam("a", "First.");
-    addParam("b", "Second.");
-    setReturn("sum", "a + b.");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::add);
+    advertise(this, "echo", &CalcModule::echo);
+    advertise(this, "add", &CalcModule::add);
     // Overloads told apart by argument kind only.
-    functionName("kind", "Calc", "Names the kind of its argument (int).");
-    addParam("v", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::kindInt);
-    functionName("kind", "Calc", "Names the kind of its argument (float).");
-    addParam("v", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::kindFloat);
-    functionName("kind", "Calc", "Names the kind of its argument (string).");
-    addParam("v", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::kindString);
-    functionName("kind", "Calc", "Names the kind of its argument (list of strings).");
-    addParam("v", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::kindList);
-    functionName("kind", "Calc", "Names the kind of its argument (any other).");
-    addParam("v", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::kindValue);
-    functionName("failRX", "Calc", "Throws an RXError with the given message.");
-    addParam("message", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::failRX);
-    functionName("failStd", "Calc", "Throws a std::runtime_error with the given message.");
-    addParam("message", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::failStd);
-    functionName("getPtr", "Calc", "An address in this process.", 4);
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::getPtr);
-    functionName("callClient", "Calc", "Calls a method of a service, waiting for the result.");
-    addParam("service", "");
-    addParam("method", "");
-    addParam("argument", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::callClient);
-    functionName("makeCounter", "Calc", "A new Counter object.");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::makeCounter);
-    functionName("isCounter", "Calc", "Whether the object is the last Counter made.");
-    addParam("object", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::isCounter);
-    functionName("record", "Calc", "Records a value (for posts).");
-    addParam("value", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &CalcModule::record);
+    advertise(this, "kind", &CalcModule::kindInt);
+    advertise(this, "kind", &CalcModule::kindFloat);
+    advertise(this, "kind", &CalcModule::kindString);
+    advertise(this, "kind", &CalcModule::kindList);
+    advertise(this, "kind", &CalcModule::kindValue);
+    advertise(this, "failRX", &CalcModule::failRX);
+    advertise(this, "failStd", &CalcModule::failStd);
+    advertise(this, "getPtr", &CalcModule::getPtr, 4);  // 4: hands out an address, not for other processes
+    advertise(this, "callClient", &CalcModule::callClient);
+    advertise(this, "makeCounter", &CalcModule::makeCounter);
+    advertise(this, "isCounter", &CalcModule::isCounter);
+    advertise(this, "record", &CalcModule::record);
     advertiseSignal("ticked", &ticked);
   }
 
@@ -143,6 +90,7 @@ class CalcModule : public RX::RXModule {
   void failRX(const std::string& message) { RX_THROW("Calc", "failRX", message); }
   void failStd(const std::string& message) { throw std::runtime_error(message); }
   void* getPtr() { return &ticked; }
+  // Calls a method of a service, waiting for the result (the extractor case).
   RX::RXValue callClient(const std::string& service, const std::string& method, const RX::RXValue& argument) {
     return getParentBroker()->getProxy(service)->call<RX::RXValue>(method, argument);
   }
@@ -153,8 +101,7 @@ class CalcModule : public RX::RXModule {
     return c;
   }
   bool isCounter(const mz::AnyObject& object) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto c = lastCounter_.lock();
+    auto c = lastCounter();
     return c && object.isValid() && object.impl()->identity() == c.get();
   }
   void record(const RX::RXValue& value) { recorded.add(value); }
@@ -176,22 +123,10 @@ class ToolModule : public RX::RXModule {
  public:
   explicit ToolModule(boost::shared_ptr<RX::RXBroker> broker, const std::string& name = "Tool")
       : RX::RXModule(broker, name) {
-    functionName("subscribe", "Tool", "Extractor-like: records the name.");
-    addParam("name", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &ToolModule::subscribe);
-    functionName("onEvent", "Tool", "Subscriber callback: records the value.");
-    addParam("key", "");
-    addParam("value", "");
-    addParam("message", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &ToolModule::onEvent);
-    functionName("askBroker", "Tool", "Calls Calc.add(a, 1) at the broker.");
-    addParam("a", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &ToolModule::askBroker);
-    functionName("onRelay", "Tool", "Subscriber callback that calls the broker, which calls this client back.");
-    addParam("key", "");
-    addParam("value", "");
-    addParam("message", "");
-    advertiseMethod(getCurrentMethodDescription(), this, &ToolModule::onRelay);
+    advertise(this, "subscribe", &ToolModule::subscribe);
+    advertise(this, "onEvent", &ToolModule::onEvent);
+    advertise(this, "askBroker", &ToolModule::askBroker);
+    advertise(this, "onRelay", &ToolModule::onRelay);
     advertiseSignal("beeped", &beeped);
   }
 
@@ -200,6 +135,7 @@ class ToolModule : public RX::RXModule {
     return RX::RXValue("subscribed " + name.toString(0));
   }
   void onEvent(const std::string&, const RX::RXValue& value, const RX::RXValue&) { events.add(value); }
+  // A subscriber callback that calls the broker, which calls this client back.
   void onRelay(const std::string&, const RX::RXValue& value, const RX::RXValue&) {
     events.add(getParentBroker()->getProxy("Calc")->call<RX::RXValue>("callClient", std::string(getName()),
                                                                       std::string("subscribe"), value));
@@ -213,14 +149,16 @@ class ToolModule : public RX::RXModule {
   Recorder events;
 };
 
-// The text of the exception f throws, or "(no exception)".
-inline std::string errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(no exception)";
+// Whether `r` received 0, 1, ... n-1 in that order, within kWait.
+inline ::testing::AssertionResult receivedInOrder(Recorder& r, int n) {
+  if (!r.waitFor(static_cast<std::size_t>(n)))
+    return ::testing::AssertionFailure() << "only " << r.size() << " of " << n << " arrived";
+  const std::vector<RX::RXValue> got = r.items();
+  for (int i = 0; i < n; ++i)
+    if (got[static_cast<std::size_t>(i)].toInt() != i)
+      return ::testing::AssertionFailure()
+             << "item " << i << " is " << got[static_cast<std::size_t>(i)].toString();
+  return ::testing::AssertionSuccess();
 }
 
 inline std::string uniqueSocketPath(const std::string& tag) {
@@ -232,38 +170,105 @@ inline std::string listenAddress(const std::string& kind) {
   return kind == "unix" ? "unix://" + uniqueSocketPath("t") : "tcp://127.0.0.1:0";
 }
 
-// A broker serving Calc, and a connected client process part serving Tool.
-class TransportFixture : public ::testing::TestWithParam<std::string> {
- protected:
-  void SetUp() override {
-    broker = RX::RXBroker::create("testbroker");
-    calc = boost::make_shared<CalcModule>(broker);
+// A broker serving Calc on `listen`, stopped when it goes.
+struct BrokerSide {
+  explicit BrokerSide(const std::string& listen, const net::Server::Options& options = {},
+                      const std::string& name = "testbroker", const RX::RXBroker::Options& brokerOptions = {})
+      : broker(RX::RXBroker::create(name, brokerOptions)), calc(boost::make_shared<CalcModule>(broker)) {
     calc->initModule();
-    server = std::make_unique<net::Server>(broker, std::vector<std::string>{listenAddress(GetParam())});
+    server = std::make_unique<net::Server>(broker, std::vector<std::string>{listen}, options);
     server->start();
     endpoint = server->endpoints().at(0);
-    net::ClientSession::Options options;
-    options.clientName = "tool-process";
-    session = net::ClientSession::connect(endpoint, options);
-    clientBroker = RX::RXBroker::create("client", RX::RXBroker::Options(), session);
-    tool = boost::make_shared<ToolModule>(clientBroker);
-    tool->initModule();
   }
-
-  void TearDown() override {
-    if (clientBroker) clientBroker->shutdown();
-    if (session) session->close();
-    if (server) server->stop();
+  ~BrokerSide() {
+    server->stop();
     broker->shutdown();
   }
+  // A raw connection to this broker.
+  std::shared_ptr<net::Connection> connect() const {
+    return net::Connection::connect(net::Endpoint::parse(endpoint), kWait);
+  }
+  std::uint64_t counter(const std::string& name) const { return broker->transportCounters()[name]; }
 
   boost::shared_ptr<RX::RXBroker> broker;
   boost::shared_ptr<CalcModule> calc;
   std::unique_ptr<net::Server> server;
   std::string endpoint;
+};
+
+// A client process part: a session to `endpoint`, its broker and a Tool module.
+struct ClientSide {
+  explicit ClientSide(const std::string& endpoint, const net::ClientSession::Options& options = {})
+      : session(net::ClientSession::connect(endpoint, options)),
+        broker(RX::RXBroker::create("client", RX::RXBroker::Options(), session)),
+        tool(boost::make_shared<ToolModule>(broker)) {
+    tool->initModule();
+  }
+  ~ClientSide() {
+    broker->shutdown();
+    session->close();
+  }
   std::shared_ptr<net::ClientSession> session;
-  boost::shared_ptr<RX::RXBroker> clientBroker;
+  boost::shared_ptr<RX::RXBroker> broker;
   boost::shared_ptr<ToolModule> tool;
 };
+
+// A broker serving Calc over TCP or Unix sockets, and a client serving Tool.
+class TransportFixture : public ::testing::TestWithParam<std::string> {
+ protected:
+  BrokerSide side{listenAddress(GetParam())};
+  ClientSide client{side.endpoint};
+  boost::shared_ptr<RX::RXBroker>& broker = side.broker;
+  boost::shared_ptr<CalcModule>& calc = side.calc;
+  std::shared_ptr<net::ClientSession>& session = client.session;
+  boost::shared_ptr<RX::RXBroker>& clientBroker = client.broker;
+  boost::shared_ptr<ToolModule>& tool = client.tool;
+};
+
+// ---- Raw connections: the protocol spoken by hand ----
+
+inline net::Message message(net::MessageKind kind, std::uint32_t requestId,
+                            std::vector<RX::RXValue> fields = {}) {
+  net::Message m;
+  m.kind = static_cast<std::uint8_t>(kind);
+  m.requestId = requestId;
+  m.fields = std::move(fields);
+  return m;
+}
+
+inline net::Message hello(const std::string& session, const std::string& role = "call",
+                          std::uint32_t id = 1) {
+  return message(net::MessageKind::Hello, id, {RX::RXValue(session), RX::RXValue(role), RX::RXValue("raw")});
+}
+
+// What the broker says next on `c`: "kind/id: error text" for an Error,
+// "kind/id: field field" for anything else, "(closed)" or "(still open)"
+// when nothing comes within kWait.
+inline std::string nextWords(net::Connection& c) {
+  c.setReadTimeout(kWait);
+  net::Message m;
+  for (;;) {
+    const auto status = c.read(m);
+    if (status == net::Connection::ReadStatus::Message) {
+      std::string s = std::to_string(m.kind) + "/" + std::to_string(m.requestId) + ":";
+      if (m.kind == static_cast<std::uint8_t>(net::MessageKind::Error) && m.fields.size() > 3)
+        return s + " " + m.fields[3].toStdString();
+      for (const RX::RXValue& f : m.fields) s += " " + f.toString();
+      return s;
+    }
+    if (status != net::Connection::ReadStatus::BadFrame)
+      return status == net::Connection::ReadStatus::TimedOut ? "(still open)" : "(closed)";
+  }
+}
+
+// A raw connection to `broker` that has said Hello as `role` of `session`.
+inline std::shared_ptr<net::Connection> greeted(const BrokerSide& broker, const std::string& session,
+                                                const std::string& role = "call") {
+  auto c = broker.connect();
+  c->send(hello(session, role));
+  const std::string ack = nextWords(*c);
+  if (ack.rfind("2/1:", 0) != 0) throw std::runtime_error("no HelloAck but " + ack);
+  return c;
+}
 
 }  // namespace nettest
