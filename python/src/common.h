@@ -60,6 +60,18 @@ class CallbackScope {
   ~CallbackScope();
 };
 
+// Takes the GIL for a callback on a thread of a session. The thread's Python
+// state is made on its first callback and kept for the next ones: making one
+// per call would cost more than a small callback itself.
+class CallbackGil {
+ public:
+  CallbackGil();
+
+ private:
+  py::gil_scoped_acquire gil_;
+  CallbackScope scope_;
+};
+
 // ---- Values (value.cpp) ----
 // None, bool, int (signed 32-bit), float, str, bytes/bytearray, list/tuple
 // (nested) and service objects; anything else raises TypeError naming its

@@ -87,6 +87,14 @@ bool inCallback() { return callbackDepth > 0; }
 CallbackScope::CallbackScope() { ++callbackDepth; }
 CallbackScope::~CallbackScope() { --callbackDepth; }
 
+CallbackGil::CallbackGil() {
+  thread_local bool stateKept = false;
+  if (!stateKept) {
+    gil_.inc_ref();
+    stateKept = true;
+  }
+}
+
 std::string describeError(const py::error_already_set& error) {
   std::string type = py::str(error.type().attr("__name__"));
   std::string text = py::str(error.value());

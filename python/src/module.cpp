@@ -41,8 +41,7 @@ class PythonModule : public RX::RXModule {
     mz::DynamicObject::advertiseMethod(
         std::move(m), [function, module, name](const mz::GenericFunctionParameters& args) -> mz::AnyValue {
           if (pythonGone()) throw RX::RXError(module, name, "the Python interpreter is shutting down");
-          py::gil_scoped_acquire gil;
-          CallbackScope scope;
+          CallbackGil gil;
           try {
             return mz::AnyValue(toValue(function->get()(*fromParams(args))));
           } catch (py::error_already_set& e) {

@@ -97,8 +97,7 @@ std::uint64_t Object::connect(const std::string& signal, py::object callback) co
   auto ref = std::make_shared<const PyRef>(std::move(callback));
   mz::SignalSubscriber subscriber = [ref, signal](const mz::GenericFunctionParameters& params) {
     if (pythonGone()) return;
-    py::gil_scoped_acquire gil;
-    CallbackScope scope;
+    CallbackGil gil;
     try {
       ref->get()(*fromParams(params));
     } catch (py::error_already_set& e) {
