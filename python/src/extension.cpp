@@ -31,7 +31,7 @@ void checkSignals() {
   if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 }
 
-void raise(py::object* type, PyObject* fallback, const py::object& value) {
+void raiseAs(py::object* type, PyObject* fallback, const py::object& value) {
   if (type) {
     PyErr_SetObject(type->ptr(), value.ptr());
   } else {
@@ -54,11 +54,11 @@ void translate(std::exception_ptr p) {
   } catch (const mz::ConversionError& e) {
     PyErr_SetString(PyExc_TypeError, e.what());
   } catch (const net::RemoteError& e) {
-    raise(remoteErrorType, PyExc_ConnectionError, py::str(e.what()));
+    raiseAs(remoteErrorType, PyExc_ConnectionError, py::str(e.what()));
   } catch (const mz::ObjectGoneError& e) {
-    raise(remoteErrorType, PyExc_ConnectionError, py::str(e.what()));
+    raiseAs(remoteErrorType, PyExc_ConnectionError, py::str(e.what()));
   } catch (const mz::FutureError& e) {
-    raise(remoteErrorType, PyExc_ConnectionError, py::str(e.what()));
+    raiseAs(remoteErrorType, PyExc_ConnectionError, py::str(e.what()));
   }
 }
 
