@@ -36,15 +36,18 @@ tsan:
 	@$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DRX_SANITIZE=thread"
 
 # Benchmarks (never part of `make test`): in-process figures against a bare
-# map-and-locks floor, then the memory over the network next to redis-server.
+# map-and-locks floor, then the memory over the network next to redis-server,
+# then the Python package next to the C++ client.
 # Writes docs/perf_roundtrip.{png,gp} and its data files.
 bench:
 	@scripts/install-deps --bench
 	@cmake -S . -B build-bench -DRX_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-bench -j $(JOBS) --target memory_bench remote_driver remote_roundtrip
+	@cmake --build build-bench -j $(JOBS) --target memory_bench remote_driver remote_roundtrip \
+		rxbroker client_figures rxmemory_python
 	@build-bench/memory_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 	@build-bench/remote_roundtrip
 	@build-bench/remote_driver docs
+	@/usr/bin/python3 bench/python_bench.py build-bench
 
 clean:
 	rm -rf build build-asan build-tsan build-bench build-package

@@ -11,7 +11,7 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "rxbroker hosts the memory module, where the robot's modules store and read named\n\
 values and raise and follow events; rxmemory works it from a shell. Includes the\n\
 framework library with its headers, CMake package and pkg-config file for module\n\
-authors and clients, and the systemd unit rxbroker.service.")
+authors and clients, the Python package rxmemory, and the systemd unit rxbroker.service.")
 set(CPACK_DEBIAN_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -27,4 +27,8 @@ set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libboost${RX_BOOST_MAJOR_MINOR}-dev, pkg-conf
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/postinst ${CMAKE_CURRENT_LIST_DIR}/prerm
     ${CMAKE_CURRENT_LIST_DIR}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# The Python package (in Python's dist-packages) needs the interpreter it was built for.
+if(RX_PYTHON_BUILT)
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "python3 (>= ${RX_PYTHON_MINOR}), python3 (<< ${RX_PYTHON_MINOR}.99)")
+endif()
 include(CPack)

@@ -207,7 +207,15 @@ class ClientSession::Link : public ObjectBridge {
     }
     Message reply;
     for (;;) {
-      switch (c->read(reply)) {
+      Connection::ReadStatus status;
+      try {
+        status = c->read(reply);
+      } catch (...) {
+        // Abandoned (interrupted): the reply may still come on this connection.
+        c->close();
+        throw;
+      }
+      switch (status) {
         case Connection::ReadStatus::Message:
           if (reply.requestId == id && (reply.kind == static_cast<std::uint8_t>(MessageKind::Reply) ||
                                         reply.kind == static_cast<std::uint8_t>(MessageKind::Error))) {

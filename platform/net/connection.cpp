@@ -371,6 +371,12 @@ void Connection::writeAll(const char* data, std::size_t size) {
   }
 }
 
+namespace {
+thread_local Connection::InterruptCheck interruptCheck = nullptr;
+}  // namespace
+
+void Connection::setInterruptCheck(InterruptCheck check) { interruptCheck = check; }
+
 Connection::ReadStatus Connection::read(Message& out) {
   constexpr std::size_t kChunk = 64 * 1024;
   for (;;) {
@@ -400,7 +406,10 @@ Connection::ReadStatus Connection::read(Message& out) {
       lastReceiveNs_.store(nowNs(), std::memory_order_relaxed);
       continue;
     }
-    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EINTR) {
+      if (interruptCheck) interruptCheck();
+      continue;
+    }
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && !isClosed()) return ReadStatus::TimedOut;
     return ReadStatus::Closed;
   }

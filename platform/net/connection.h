@@ -93,6 +93,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // How object references met while decoding are turned into handles. Set it
   // before the first read that may meet one. REQUIRES: no read under way.
   void setObjectDecoder(ObjectDecoder decoder);
+  // Called on a thread whose blocking read was interrupted by a signal, before
+  // the read goes on. It may throw to abandon the read: the exception leaves
+  // read(), and the connection must then be dropped (a reply may still come on
+  // it). An embedded interpreter uses it so that Ctrl-C stops a blocking call.
+  // Per thread; none (the default) simply reads on.
+  using InterruptCheck = void (*)();
+  static void setInterruptCheck(InterruptCheck check);
+
   // Blocking reads give up with TimedOut after `timeout` (zero: wait forever);
   // blocked writes fail after `timeout` and close the connection.
   void setReadTimeout(std::chrono::milliseconds timeout);

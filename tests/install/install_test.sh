@@ -149,6 +149,28 @@ rxmemory() { "$prefix/bin/rxmemory" --url "$endpoint" "$@" 2>&1; }
 expect "broker module, first call" 1 "$(rxmemory --module Counter call increment '"Robot/Steps"')"
 expect "broker module, second call" 2 "$(rxmemory --module Counter call increment '"Robot/Steps"')"
 expect "the key it counts in" 2 "$(rxmemory get Robot/Steps)"
+
+# The Python package, when the build made it: it imports from the prefix, and
+# its examples run against the installed broker as their README says.
+if [[ -d $build/python/rxmemory ]]; then
+  init=$(find "$prefix" -path '*/rxmemory/__init__.py')
+  [[ -n $init ]] || fail "the Python package is not installed"
+  export PYTHONPATH=$(dirname "$(dirname "$init")") RXMEMORY_URL=$endpoint
+  run /usr/bin/python3 -c 'import rxmemory; rxmemory.connect().close()'
+  mkfifo "$work/reactor.fifo"
+  /usr/bin/python3 "$src/examples/python/bump_reactor.py" --count 2 >"$work/reactor.fifo" 2>"$work/reactor.err" &
+  reactor=$!
+  exec {rfd}<"$work/reactor.fifo"
+  IFS= read -r -t 20 -u "$rfd" line && [[ $line == "waiting for Robot/Bumped" ]] ||
+    fail "bump_reactor.py did not start: $line $(cat "$work/reactor.err")"
+  rxmemory raise Robot/Bumped '"left"' >/dev/null
+  rxmemory raise Robot/Bumped '"right"' >/dev/null
+  wait "$reactor" || fail "bump_reactor.py exited with $?: $(cat "$work/reactor.err")"
+  expect "bump_reactor.py output" "bump 1: 'left' -> Robot/LastBump
+bump 2: 'right' -> Robot/LastBump" "$(cat <&"$rfd")"
+  expect "the key bump_reactor.py writes" '["right", 2]' "$(rxmemory get Robot/LastBump)"
+  unset PYTHONPATH RXMEMORY_URL
+fi
 stop_broker
 
 # What the broker logged: every line stamped; the optional map file looked
@@ -187,7 +209,9 @@ for wanted in '/usr/bin/rxbroker' '/usr/bin/rxmemory' '/usr/lib/(.*/)?librxplatf
   '/usr/include/rxmemory/rx/rxversion\.h' '/usr/lib/(.*/)?cmake/RXMemory/RXMemoryConfigVersion\.cmake' \
   '/usr/lib/(.*/)?pkgconfig/rxmemory\.pc' '/usr/lib/systemd/system/rxbroker\.service' \
   '/usr/share/rx/tavro/rxmemory_map_signal_event\.txt\.example' '/usr/share/rx/web/live/live\.js' \
-  '/usr/share/bash-completion/completions/rxmemory'; do
+  '/usr/share/bash-completion/completions/rxmemory' \
+  '/usr/lib/python3/dist-packages/rxmemory/__init__\.py' '/usr/lib/python3/dist-packages/rxmemory/__init__\.pyi' \
+  '/usr/lib/python3/dist-packages/rxmemory/_rxmemory\.cpython-[^/]*\.so'; do
   grep -qE "^\.$wanted\$" <<<"$files" || fail "the package has no $wanted:
 $files"
 done
