@@ -337,7 +337,12 @@ bool ObjectBridge::serve(Message& request, Message& reply) {
       try {
         throw;
       } catch (const std::exception& e) {
-        RX_WARNING(bridgeLog(), kindName(request.kind) << " from " << peerName_ << " failed: " << e.what());
+        // A client that hangs up may still have one-way frames in flight on its
+        // other connections: failing those is part of a normal goodbye.
+        if (isClosed())
+          RX_DEBUG(bridgeLog(), kindName(request.kind) << " from " << peerName_ << " failed: " << e.what());
+        else
+          RX_WARNING(bridgeLog(), kindName(request.kind) << " from " << peerName_ << " failed: " << e.what());
       } catch (...) {
         RX_WARNING(bridgeLog(), kindName(request.kind) << " from " << peerName_ << " failed");
       }
