@@ -232,5 +232,27 @@ TEST_F(ProxyTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
   EXPECT_EQ((Names{"RXMemory/KeyAdded=perf"}), r->keyValues()) << "created once, then overwritten";
 }
 
+// Overloads a target does not offer are called by name, which then fails with
+// the framework's own error; the ones it offers keep working by uid.
+TEST_F(ProxyTest, SpecializedProxyFallsBackToCallsByName) {
+  RX::RXMemoryProxy empty(boost::make_shared<RX::RXProxy>("RXMemory", mz::AnyObject()));
+  EXPECT_EQ(0u, empty.resolvedCount());
+  EXPECT_EQ("std::exception|This object is null", errorOf([&] { empty.insertData("k", 1); }));
+
+  auto standIn = std::make_shared<mz::DynamicObject>();  // offers only getData(string)
+  mz::MetaMethod getData;
+  getData.name = "getData";
+  getData.parameters.resize(1);
+  getData.parameters[0].type = mz::ParamType::String;
+  getData.returnType = mz::ParamType::Value;
+  standIn->advertiseMethod(getData, mz::makeInvoker<RX::RXValue, std::string>(
+                                        [](const std::string& key) { return RX::RXValue("stand-in " + key); }));
+  RX::RXMemoryProxy partial(boost::make_shared<RX::RXProxy>("StandIn", mz::AnyObject(standIn)));
+  EXPECT_EQ(1u, partial.resolvedCount());
+  EXPECT_EQ("\"stand-in k\"", partial.getData("k").toString());
+  EXPECT_EQ("std::exception|object: no method named insertData", errorOf([&] { partial.insertData("k", 1); }));
+  EXPECT_THROW((void)partial.getData("k", 1), mz::MethodNotFoundError);
+}
+
 }  // namespace
 }  // namespace rxtest
