@@ -232,6 +232,27 @@ TEST_F(ProxyTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
   EXPECT_EQ((Names{"RXMemory/KeyAdded=perf"}), r->keyValues()) << "created once, then overwritten";
 }
 
+// Nothing is caught: a memory the broker cannot find by name stops after the
+// lines printed so far, its perf key written.
+TEST(PerfFailureTest, ProxyLookUpFailureLeavesPerf) {
+  auto broker = RX::RXBroker::create("unregistered-broker");
+  auto memory = boost::make_shared<RX::RXMemory>(broker, "RXMemory");
+  testing::internal::CaptureStdout();
+  std::string error;
+  try {
+    memory->perf();
+  } catch (const RX::ModuleNotFoundError& e) {
+    error = e.what();
+  }
+  const std::vector<std::string> lines = linesOf(testing::internal::GetCapturedStdout());
+  EXPECT_EQ("Module not found: RXMemory", error);
+  ASSERT_EQ(3u, lines.size());
+  EXPECT_EQ("1000 Specialized proxy call", lines[2]);
+  EXPECT_EQ(1, memory->getData("perf").toInt());
+  memory.reset();
+  broker->shutdown();
+}
+
 // Overloads a target does not offer are called by name, which then fails with
 // the framework's own error; the ones it offers keep working by uid.
 TEST_F(ProxyTest, SpecializedProxyFallsBackToCallsByName) {
