@@ -92,6 +92,19 @@ void setText(httplib::Response& res, int status, const std::string& text) {
   res.set_content(text, "text/plain; charset=utf-8");
 }
 
+// Takes one of `limit` slots counted by `taken`. When all are taken, answers
+// 503 naming what is full and the option that bounds it, and returns false.
+bool takeSlot(std::atomic<std::size_t>& taken, std::size_t limit, const std::string& full, const char* option,
+              const char* retryAfter, httplib::Response& res) {
+  if (taken.fetch_add(1) < limit) return true;
+  --taken;
+  res.set_header("Retry-After", retryAfter);
+  setText(res, 503,
+          "Service unavailable: " + std::to_string(limit) + " " + full + " (limit " + option + " = " +
+              std::to_string(limit) + ")\n");
+  return false;
+}
+
 // Set by BoundedPool::enqueue on the accepting thread when no more
 // connections may wait: the connection it hands over is refused at once.
 thread_local bool tRefuseConnection = false;
@@ -653,14 +666,9 @@ HttpStatusServer::HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::
     Impl& impl = *impl_;
     boost::shared_ptr<RX::RXModule> module = liveModule(*impl.broker);
     if (!module) return setText(res, 404, "No module of this broker offers a live view\n");
-    if (impl.liveStreams.fetch_add(1) >= impl.options.maxLiveStreams) {
-      --impl.liveStreams;
-      res.set_header("Retry-After", "5");
-      return setText(res, 503,
-                     "Service unavailable: " + std::to_string(impl.options.maxLiveStreams) +
-                         " live streams already open (limit maxLiveStreams = " +
-                         std::to_string(impl.options.maxLiveStreams) + ")\n");
-    }
+    if (!takeSlot(impl.liveStreams, impl.options.maxLiveStreams, "live streams already open", "maxLiveStreams", "5",
+                  res))
+      return;
     std::shared_ptr<LiveStream> stream;
     try {
       stream = std::make_shared<LiveStream>(impl.liveStreams, *impl.broker, impl.options, std::move(module),
@@ -684,14 +692,9 @@ HttpStatusServer::HttpStatusServer(boost::shared_ptr<RX::RXBroker> broker, std::
     boost::shared_ptr<RX::RXModule> module = impl_->broker->getModule(name);
     if (!module) return setText(res, 404, "No module named " + name + " on this broker\n");
     Impl& impl = *impl_;
-    if (impl.rendersWaiting.fetch_add(1) >= impl.options.maxWaitingPageRenders) {
-      --impl.rendersWaiting;
-      res.set_header("Retry-After", "1");
-      return setText(res, 503,
-                     "Service unavailable: " + std::to_string(impl.options.maxWaitingPageRenders) +
-                         " requests already wait to render a module page (limit maxWaitingPageRenders = " +
-                         std::to_string(impl.options.maxWaitingPageRenders) + ")\n");
-    }
+    if (!takeSlot(impl.rendersWaiting, impl.options.maxWaitingPageRenders,
+                  "requests already wait to render a module page", "maxWaitingPageRenders", "1", res))
+      return;
     std::unique_lock<std::mutex> turn(impl.renderMutex);
     --impl.rendersWaiting;
     std::string page;
