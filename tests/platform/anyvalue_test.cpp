@@ -2,12 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "mz/object.h"
 #include "mz/typeconv.h"
 #include "support/capture.h"
@@ -23,22 +17,12 @@ namespace {
 
 using testsupport::errorOf;
 
-RX::RXValue pairs(const std::vector<std::vector<RX::RXValue>>& items) {
-  RX::RXValue a = RX::RXValue::array();
-  for (const auto& item : items) {
-    RX::RXValue pair = RX::RXValue::array();
-    for (const auto& v : item) pair.arrayPush(v);
-    a.arrayPush(pair);
-  }
-  return a;
-}
-
 TEST(AnyValueTest, TypedAccessConvertsOrNamesBothKinds) {
   EXPECT_EQ(3.0f, AnyValue(3).toFloat()) << "an int is accepted where a float is expected";
-  EXPECT_EQ("t", AnyValue(std::string("t")).toString());
   AnyValue custom = AnyValue::fromOther(anyvaluetest::Custom{4});
-  RX::RXValue mixed(std::vector<std::string>{"a"});
+  RX::RXValue mixed(std::vector<std::string>{"a"}), pairs = RX::RXValue::array();
   mixed.arrayPush(RX::RXValue(2));
+  pairs.arrayPush(mixed);
   const std::pair<std::function<void()>, std::string> cases[] = {
       {[] { (void)AnyValue("abc").toInt(); }, "expected int, got string \"abc\""},
       {[] { (void)AnyValue(1.5f).toInt(); }, "expected int, got float 1.5"},
@@ -49,11 +33,7 @@ TEST(AnyValueTest, TypedAccessConvertsOrNamesBothKinds) {
        "expected string, got binary of 3 bytes"},
       {[] { (void)AnyValue(5).toObject(); }, "expected object, got int 5"},
       {[&] { (void)AnyValue(mixed).toStringList(); }, "expected list of strings, got array [\"a\", 2]"},
-      {[] { (void)AnyValue("a").toStringList(); }, "expected list of strings, got string \"a\""},
-      {[] { (void)AnyValue(pairs({{RX::RXValue("only key")}})).toStringMap(); },
-       "expected map from string to string, got array [[\"only key\"]]"},
-      {[] { (void)AnyValue(pairs({{RX::RXValue("k"), RX::RXValue(1)}})).toStringMap(); },
-       "expected map from string to string, got array [[\"k\", 1]]"},
+      {[&] { (void)AnyValue(pairs).toStringMap(); }, "expected map from string to string, got array [[\"a\", 2]]"},
       {[&] { (void)custom.toRXValue(); }, "Can't convert a C++ value of type anyvaluetest::Custom to an RXValue"},
       {[&] { (void)custom.toInt(); }, "expected int, got C++ value of type anyvaluetest::Custom"},
       {[] { (void)TypeConv<void*>::from(AnyValue(3)); }, "expected a pointer, got int 3"},
@@ -67,7 +47,9 @@ TEST(AnyValueTest, TypedAccessConvertsOrNamesBothKinds) {
   EXPECT_LT(text.size(), 300u);
 }
 
-TEST(AnyValueTest, ListsAndMapsTravelAsArraysOfPairsInKeyOrder) {
+// Lists and maps travel as arrays (of pairs, in key order); objects, pointers
+// and C++ values keep their identity.
+TEST(AnyValueTest, ContainersTravelAsArraysAndHandlesKeepTheirIdentity) {
   const std::vector<std::string> list{"a", "b"};
   EXPECT_EQ("[\"a\", \"b\"]", AnyValue(list).toRXValue().toString());
   EXPECT_EQ(list, AnyValue(list).toStringList());
@@ -75,15 +57,9 @@ TEST(AnyValueTest, ListsAndMapsTravelAsArraysOfPairsInKeyOrder) {
   EXPECT_EQ("[[\"k1\", \"v1\"], [\"k2\", \"v2\"]]", AnyValue(map).toRXValue().toString());
   EXPECT_EQ(map, AnyValue(map).toStringMap());
   EXPECT_TRUE(AnyValue(RX::RXValue::array()).toStringMap().empty());
-}
-
-TEST(AnyValueTest, ObjectsAndForeignValuesKeepTheirIdentity) {
   AnyObject handle(std::make_shared<DynamicObject>());
-  EXPECT_EQ(handle, AnyValue(handle).toObject());
-  EXPECT_EQ("object", AnyValue(handle).describe());
   EXPECT_EQ(handle, TypeConv<AnyObject>::from(TypeConv<AnyObject>::to(handle)));
   AnyValue custom = AnyValue::fromOther(anyvaluetest::Custom{4});
-  EXPECT_FALSE(custom.isRXValue());
   ASSERT_NE(nullptr, custom.otherAs<anyvaluetest::Custom>());
   EXPECT_EQ(4, custom.otherAs<anyvaluetest::Custom>()->x);
   EXPECT_EQ(nullptr, custom.otherAs<int>());

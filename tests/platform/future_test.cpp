@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <string>
 #include <thread>
 
 #include "support/capture.h"
@@ -24,9 +22,6 @@ TEST(Future, ValueFromAnotherThreadAndTheFirstOutcomeSticks) {
   producer.join();
   EXPECT_FALSE(p.setValue(4) || p.setError("late")) << "a finished future keeps its first outcome";
   EXPECT_EQ(3, f.value());
-  EXPECT_EQ("", f.error());
-  EXPECT_EQ("ready", mz::makeFutureValue<std::string>("ready").value());
-
   mz::Promise<void> v;
   mz::Future<void> g = v.future();
   std::thread waiter([g] { g.waitAndCheck(); });
@@ -35,20 +30,15 @@ TEST(Future, ValueFromAnotherThreadAndTheFirstOutcomeSticks) {
   EXPECT_TRUE(g.hasValue());
 }
 
-TEST(Future, ErrorAndCancelSayWhy) {
+TEST(Future, ErrorCancelAndABrokenPromiseSayWhy) {
   mz::Promise<int> p;
-  mz::Future<int> f = p.future();
-  mz::Future<int> copy = f;
+  mz::Future<int> copy = p.future();
   EXPECT_TRUE(p.setError("disk on fire"));
-  EXPECT_TRUE(copy.hasError()) << "copies share one outcome";
-  EXPECT_EQ("disk on fire", errorOf([&] { f.value(); }));
-  EXPECT_EQ("disk on fire", errorOf([&] { f.waitAndCheck(); }));
+  EXPECT_EQ("disk on fire", errorOf([&] { copy.value(); })) << "copies share one outcome";
   EXPECT_EQ("no route", errorOf([] { mz::makeFutureError<void>("no route").waitAndCheck(); }));
-
   mz::Promise<int> c;
   mz::Future<int> cf = c.future();
   cf.cancel();
-  cf.cancel();  // idempotent
   EXPECT_TRUE(c.isCancelRequested());
   EXPECT_FALSE(c.setValue(1) || c.setError("late")) << "the producer's late answer is dropped";
   EXPECT_EQ("future canceled", errorOf([&] { cf.value(); }));
@@ -59,21 +49,19 @@ TEST(Future, ErrorAndCancelSayWhy) {
   done.cancel();
   EXPECT_EQ(5, done.value()) << "cancelling a finished future changes nothing";
   // A default future has no producer: it is cancelled from the start.
-  mz::Future<int> none;
-  EXPECT_EQ(mz::FutureState::Canceled, none.wait(std::chrono::milliseconds(1)));
-}
+  EXPECT_EQ(mz::FutureState::Canceled, mz::Future<int>().wait(std::chrono::milliseconds(1)));
 
-TEST(Future, BrokenPromiseFailsTheWaiterInsteadOfHanging) {
+  // The last promise going away fails its waiters instead of leaving them hanging.
   mz::Future<int> f;
   mz::Future<void> g;
   std::thread waiter;
   {
-    mz::Promise<int> p;
-    f = p.future();
-    { mz::Promise<int> copy = p; }
+    mz::Promise<int> broken;
+    f = broken.future();
+    { mz::Promise<int> brokenCopy = broken; }
     EXPECT_EQ(mz::FutureState::Running, f.state()) << "a copy going away must not break the promise";
-    mz::Promise<void> q;
-    g = q.future();
+    mz::Promise<void> brokenVoid;
+    g = brokenVoid.future();
     waiter = std::thread([g] { EXPECT_EQ(mz::FutureState::FinishedWithError, g.wait(kWait)); });
   }
   waiter.join();

@@ -8,13 +8,6 @@
 #include <boost/make_shared.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include <functional>
-#include <map>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "support/capture.h"
 
 namespace objtest {
@@ -59,13 +52,12 @@ class NamedObject : public mz::DynamicObject {
 
 TEST(MetaMethod, SignatureTextNamesEveryKind) {
   mz::MetaMethod m = method("f", {ParamType::Bool, ParamType::Int, ParamType::Float, ParamType::String,
-                                  ParamType::StringMap, ParamType::Object, ParamType::Pointer},
+                                  ParamType::StringMap, ParamType::Object, ParamType::Pointer, ParamType::Value},
                             ParamType::StringList);
   m.parameters[1].name = "";
   EXPECT_EQ("list of strings f(bool p0, int, float p2, string p3, map from string to string p4, object p5, "
-            "pointer p6)",
+            "pointer p6, RXValue p7)",
             m.signature());
-  EXPECT_EQ("RXValue get()", method("get", {}, ParamType::Value).signature());
   EXPECT_EQ("void ping()", method("ping", {}).signature());
 }
 
@@ -100,11 +92,11 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
       {"insert", {AnyValue("k"), AnyValue("text")}, "string"},
       {"insert", {AnyValue("k"), AnyValue(mixed)}, "value"},
       {"insert", {AnyValue("k"), AnyValue(true)}, "value"},
+      {"insert", {AnyValue("k"), AnyValue(RX::RXValue())}, "value"},
       {"set", {AnyValue("k"), AnyValue(3)}, "set float"},
       {"set", {AnyValue("k"), AnyValue(true)}, "Kinds: no method set accepting (string, bool)"},
       {"take", {AnyValue(std::vector<std::string>{"a", "b"})}, "list"},
       {"take", {AnyValue(pairs)}, "map"},
-      {"take", {AnyValue(std::map<std::string, std::string>{{"k", "v"}})}, "map"},
       {"take", {AnyValue::fromOther(static_cast<void*>(&x))}, "pointer"},
       {"take", {AnyValue(o.handle())}, "object"},
       {"take", {AnyValue(RX::RXValue::array())}, "list"},
@@ -123,77 +115,18 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
     EXPECT_EQ(c.outcome, o.hit.back()) << "the catalogue's resolution disagrees with the call by name";
   }
   EXPECT_THROW(o.metaCall("foo", {}), mz::MethodNotFoundError);
-  EXPECT_EQ(3, o.metaObject().resolve("insert", {AnyValue("k"), AnyValue(RX::RXValue())}));
   EXPECT_EQ(-1, o.metaObject().resolve("insert", {AnyValue("k")}));
   EXPECT_EQ(4u, o.handle().findMethod("insert").size());
   EXPECT_EQ("(invalid, pointer, int, float, bool, string)",
             mz::MetaObject::describeArguments({AnyValue(), AnyValue::fromOther(static_cast<void*>(nullptr)),
                                                AnyValue(1), AnyValue(1.5f), AnyValue(false), AnyValue("s")}));
-}
-
-TEST(DynamicObject, InvokersCheckTheirArgumentsAndUnknownIdsAreRefused) {
-  NamedObject o("Calc");
-  const unsigned int uid = o.advertiseMethod(method("add", {ParamType::Int, ParamType::Int}, ParamType::Int),
+  // Invokers check their arguments; unknown ids are refused.
+  const unsigned int add = o.advertiseMethod(method("add", {ParamType::Int, ParamType::Int}, ParamType::Int),
                                              mz::makeInvoker<int, int, int>([](int a, int b) { return a + b; }));
   EXPECT_EQ(5, o.handle().call<int>("add", 2, 3));
-  EXPECT_EQ("expected 2 arguments, got 1", errorOf([&] { o.metaCallById(uid, {AnyValue(4)}); }));
-  EXPECT_THROW(o.setInvoker(7, nullptr), mz::MethodNotFoundError);
+  EXPECT_EQ("expected 2 arguments, got 1", errorOf([&] { o.metaCallById(add, {AnyValue(4)}); }));
+  EXPECT_THROW(o.setInvoker(99, nullptr), mz::MethodNotFoundError);
   EXPECT_THROW(o.metaCallById(99, {}), mz::MethodNotFoundError);
-}
-
-TEST(DynamicObject, PostRunsAtOnceOrThroughThePosterAndLogsFailures) {
-  NamedObject o("Poster");
-  o.advertiseMethod(method("note", {ParamType::Int}), mz::makeInvoker<void, int>([&](int v) {
-                      if (v < 0) throw std::runtime_error("negative note");
-                      o.hit.push_back(std::to_string(v));
-                    }));
-  o.metaPost("note", {AnyValue(1)});
-  std::vector<std::function<void()>> queue;
-  o.setPoster([&](std::function<void()> task) { queue.push_back(std::move(task)); });
-  o.metaPost("note", {AnyValue(2)});
-  o.metaPost("note", {AnyValue(-1)});
-  EXPECT_EQ(std::vector<std::string>{"1"}, o.hit) << "a posted call must wait for the poster";
-  // A call that cannot resolve fails in the poster's caller, not later.
-  EXPECT_THROW(o.metaPost("note", {AnyValue("x")}), mz::MethodNotFoundError);
-  ASSERT_EQ(2u, queue.size());
-  testsupport::LogLines log("mz.object");
-  for (auto& task : queue) EXPECT_NO_THROW(task());
-  EXPECT_EQ((std::vector<std::string>{"1", "2"}), o.hit);
-  EXPECT_EQ("error: posted call Poster.note failed: negative note", log.joined());
-}
-
-TEST(DynamicObject, CatalogueReplacedBySetMetaObjectIsResolvedAfresh) {
-  NamedObject o("Store");
-  o.add<int>("ping", "old ping");
-  // Overloads of one name scattered among other names, as a catalogue
-  // received from elsewhere may list them.
-  mz::MetaObject meta;
-  meta.methods = {method("get", {ParamType::String}), method("put", {ParamType::String, ParamType::Int}),
-                  method("get", {ParamType::String, ParamType::Int}),
-                  method("put", {ParamType::String, ParamType::Value}),
-                  method("put", {ParamType::String, ParamType::String})};
-  for (unsigned int uid = 0; uid < meta.methods.size(); ++uid) meta.methods[uid].uid = uid;
-  o.setMetaObject(meta);
-  for (unsigned int uid = 0; uid < meta.methods.size(); ++uid)
-    o.setInvoker(uid, [uid, &o](const mz::GenericFunctionParameters&) {
-      o.hit.push_back("uid " + std::to_string(uid));
-      return AnyValue();
-    });
-  o.metaCall("get", {AnyValue("k")});
-  o.metaCall("get", {AnyValue("k"), AnyValue(1)});
-  o.metaCall("put", {AnyValue("k"), AnyValue(1)});
-  o.metaCall("put", {AnyValue("k"), AnyValue("v")});
-  o.metaCall("put", {AnyValue("k"), AnyValue(1.5f)});
-  EXPECT_EQ((std::vector<std::string>{"uid 0", "uid 2", "uid 1", "uid 4", "uid 3"}), o.hit);
-  // Names of the replaced catalogue are gone; wrong kinds are still named.
-  EXPECT_EQ("Store: no method named ping", errorOf([&] { o.metaCall("ping", {AnyValue(1)}); }));
-  EXPECT_EQ("Store: no method named ping", errorOf([&] { o.metaPost("ping", {AnyValue(1)}); }));
-  EXPECT_EQ("Store: no method get accepting (string, float)",
-            errorOf([&] { o.metaCall("get", {AnyValue("k"), AnyValue(1.5f)}); }));
-  // Methods advertised afterwards join the lookup.
-  o.add<int>("ping", "new ping");
-  o.metaCall("ping", {AnyValue(7)});
-  EXPECT_EQ("new ping", o.hit.back());
 }
 
 // Counts the copies made of it, wherever they happen.
@@ -204,15 +137,26 @@ struct CopyCounted {
   std::shared_ptr<int> copies;
 };
 
-TEST(AnyObject, PostMovesTheArgumentsIntoTheQueuedCall) {
-  NamedObject o("Sink");
-  int received = 0;
+// A posted call runs at once, or through the poster with its arguments moved
+// (not copied) into the queued call; it fails in the caller when it cannot
+// resolve, and is logged when it throws later.
+TEST(DynamicObject, PostRunsAtOnceOrThroughThePosterMovesItsArgumentsAndLogsFailures) {
+  NamedObject o("Poster");
+  o.advertiseMethod(method("note", {ParamType::Int}), mz::makeInvoker<void, int>([&](int v) {
+                      if (v < 0) throw std::runtime_error("negative note");
+                      o.hit.push_back(std::to_string(v));
+                    }));
   o.advertiseMethod(method("take", {ParamType::Value}), [&](const mz::GenericFunctionParameters& p) {
-    if (p.size() == 1 && p[0].otherAs<CopyCounted>()) ++received;
+    if (p.size() == 1 && p[0].otherAs<CopyCounted>()) o.hit.push_back("taken");
     return AnyValue();
   });
+  o.metaPost("note", {AnyValue(1)});
   std::vector<std::function<void()>> queue;
   o.setPoster([&](std::function<void()> task) { queue.push_back(std::move(task)); });
+  o.metaPost("note", {AnyValue(2)});
+  o.metaPost("note", {AnyValue(-1)});
+  EXPECT_EQ(std::vector<std::string>{"1"}, o.hit) << "a posted call must wait for the poster";
+  EXPECT_THROW(o.metaPost("note", {AnyValue("x")}), mz::MethodNotFoundError);
   auto copies = std::make_shared<int>(0);
   auto params = [&] {
     mz::GenericFunctionParameters p;  // not an initializer list: that would copy
@@ -226,15 +170,44 @@ TEST(AnyObject, PostMovesTheArgumentsIntoTheQueuedCall) {
   *copies = 0;
   o.handle().post("take", std::move(given));
   o.metaPost("take", params());
-  for (auto& task : queue) task();
-  EXPECT_EQ(3, received);
+  testsupport::LogLines log("mz.object");
+  for (auto& task : queue) EXPECT_NO_THROW(task());
   EXPECT_EQ(0, *copies) << "arguments handed over were copied on their way to or through the queue";
+  EXPECT_EQ((std::vector<std::string>{"1", "2", "taken", "taken", "taken"}), o.hit);
+  EXPECT_EQ("error: posted call Poster.note failed: negative note", log.joined());
+}
+
+TEST(DynamicObject, CatalogueReplacedBySetMetaObjectIsResolvedAfresh) {
+  NamedObject o("Store");
+  o.add<int>("ping", "old ping");
+  // Overloads of one name scattered among other names, as a catalogue
+  // received from elsewhere may list them.
+  mz::MetaObject meta;
+  meta.methods = {method("get", {ParamType::String}), method("put", {ParamType::String, ParamType::Int}),
+                  method("get", {ParamType::String, ParamType::Int}),
+                  method("put", {ParamType::String, ParamType::String})};
+  for (unsigned int uid = 0; uid < meta.methods.size(); ++uid) meta.methods[uid].uid = uid;
+  o.setMetaObject(meta);
+  for (unsigned int uid = 0; uid < meta.methods.size(); ++uid)
+    o.setInvoker(uid, [uid, &o](const mz::GenericFunctionParameters&) {
+      o.hit.push_back("uid " + std::to_string(uid));
+      return AnyValue();
+    });
+  o.metaCall("get", {AnyValue("k")});
+  o.metaCall("put", {AnyValue("k"), AnyValue(1)});
+  o.metaCall("put", {AnyValue("k"), AnyValue("v")});
+  o.metaCall("get", {AnyValue("k"), AnyValue(1)});
+  EXPECT_EQ((std::vector<std::string>{"uid 0", "uid 1", "uid 3", "uid 2"}), o.hit);
+  // Names of the replaced catalogue are gone; methods advertised afterwards join the lookup.
+  EXPECT_EQ("Store: no method named ping", errorOf([&] { o.metaPost("ping", {AnyValue(1)}); }));
+  o.add<int>("ping", "new ping");
+  o.metaCall("ping", {AnyValue(7)});
+  EXPECT_EQ("new ping", o.hit.back());
 }
 
 TEST(AnyObject, NullHandleRefusesEverything) {
   mz::AnyObject null;
-  EXPECT_FALSE(static_cast<bool>(null));
-  EXPECT_TRUE(null == mz::AnyObject());
+  EXPECT_TRUE(!null && null == mz::AnyObject());
   const std::function<void()> uses[] = {
       [&] { null.metaObject(); },      [&] { null.findMethod("x"); },
       [&] { null.signalId("s"); },     [&] { null.call("x", {}); },
@@ -243,7 +216,6 @@ TEST(AnyObject, NullHandleRefusesEverything) {
       [&] { null.emit("s", {}); },
   };
   for (const auto& use : uses) EXPECT_EQ("This object is null", errorOf(use));
-  EXPECT_THROW(null.metaObject(), std::runtime_error);
 }
 
 // ---- Signals by name, on a DynamicObject and on a registered C++ type ----
@@ -325,7 +297,6 @@ TEST(ObjectType, HandlesCompareByInstanceKeepItAliveAndUnregisteredTypesAreRefus
   EXPECT_TRUE(weak.expired()) << "the last handle gone, the instance goes";
   // An empty pointer travels as an invalid value, not as an object.
   EXPECT_FALSE(mz::Conv<boost::shared_ptr<Widget>>::to(boost::shared_ptr<Widget>()).toRXValue().isValid());
-  EXPECT_EQ("Widget", mz::ObjectType::find(typeid(Widget))->typeName);
   EXPECT_EQ(nullptr, mz::ObjectType::find(typeid(objtest::Unregistered)));
   using Foreign = boost::shared_ptr<objtest::Unregistered>;
   EXPECT_EQ("type objtest::Unregistered is not registered as an object type",

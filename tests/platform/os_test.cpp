@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 
 #include "rx/rttime.h"
@@ -24,7 +23,6 @@ TEST(OsTest, WallClockSleepAndMonotonicIntervals) {
   ASSERT_EQ(0, mz::os::gettimeofday(&later));
   EXPECT_GE((later.tv_sec - tv.tv_sec) * 1000000 + (later.tv_usec - tv.tv_usec), 2000) << "msleep returned early";
   EXPECT_GE(watch.diffNs64(), 2000000);
-  EXPECT_EQ(static_cast<int32_t>(watch.diffNs64()), watch.diffNs());
   EXPECT_EQ(0, RX::RtTime(100).diffNs64()) << "nothing measured yet";
 }
 

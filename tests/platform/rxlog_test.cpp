@@ -4,13 +4,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <future>
 #include <regex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/capture.h"
 
@@ -24,8 +20,7 @@ TEST(LogTest, ParsesLevelNamesAnyCaseAndDigits) {
   const char* names[] = {"silent", "ERROR", "Warning", "info", "debug", "VerBose"};
   for (int l = 0; l <= 5; ++l)
     EXPECT_TRUE(l == parseLevel(names[l]) && l == parseLevel(std::to_string(l)) && l == parseLevel(levelName(l))) << l;
-  for (const char* bad : {"6", "-1", "10", "", "warn", "loud", " info"}) EXPECT_EQ(-1, parseLevel(bad)) << bad;
-  EXPECT_STREQ("warning", levelName(Warning));
+  for (const char* bad : {"6", "-1", "10", "", "warn", " info"}) EXPECT_EQ(-1, parseLevel(bad)) << bad;
   EXPECT_STREQ("unknown", levelName(6));
 }
 
@@ -37,7 +32,6 @@ TEST(LogTest, WritesOnlyLinesAtOrBelowTheThresholdAndBuildsNoTextOtherwise) {
   setLevel("test.filter", Warning);
   RX_ERROR(cat, "e" << expensive());
   RX_WARNING(cat, "w" << expensive());
-  RX_INFO(cat, "i" << expensive());
   RX_VERBOSE(cat, "v" << expensive() << expensive());
   cat.write(Info, "direct info");  // direct writes are filtered as well
   EXPECT_EQ(2, evaluated) << "a disabled level must not evaluate its message";
@@ -57,8 +51,7 @@ TEST(LogTest, AppliesSettingsAtomicallyWithNamedEntriesBeatingTheDefault) {
   EXPECT_TRUE(applyThresholds("test.thresholds.later=error,"));
   EXPECT_EQ(Error, category("test.thresholds.later").threshold());
   // Malformed settings apply nothing at all, not even their valid entries.
-  for (const char* bad : {"test.thresholds.a=1,oops", "test.thresholds.a=1,=3",
-                          "test.thresholds.a=1,test.thresholds.b=loud", "test.thresholds.a=1,test.thresholds.b=6"})
+  for (const char* bad : {"test.thresholds.a=1,oops", "test.thresholds.a=1,=3", "test.thresholds.a=1,test.thresholds.b=6"})
     EXPECT_TRUE(!applyThresholds(bad) && a.threshold() == Verbose) << bad;
   // "*" sets every category and the default of future ones; a named entry
   // wins over it wherever it stands.
@@ -69,37 +62,26 @@ TEST(LogTest, AppliesSettingsAtomicallyWithNamedEntriesBeatingTheDefault) {
   EXPECT_EQ(kDefaultThreshold, a.threshold());
 }
 
-TEST(LogTest, ObserversSeeWrittenLinesUntilRemovedAndMayLogThemselves) {
+// An observer may log from inside its call; removing it waits for a call in
+// flight on another thread, and no call comes after the removal returned.
+TEST(LogTest, ObserversMayLogThemselvesAndRemovalWaitsForACallInFlight) {
   Category& cat = category("test.observer");
   setLevel("test.observer", Info);
-  std::vector<std::string> seen;
+  std::promise<void> entered, release;
+  std::shared_future<void> released = release.get_future().share();
+  std::atomic<bool> removeReturned{false}, removeReturnedDuringCall{false};
+  std::vector<std::string> seen;  // written by one call at a time
   const int id = addObserver([&](const std::string& c, int level, const std::string& m) {
     if (c != "test.observer") return;
     seen.push_back(std::to_string(level) + m);
     if (m == "outer") RX_INFO(category("test.observer"), "inner");  // must not deadlock
-  });
-  RX_INFO(cat, "outer");
-  RX_VERBOSE(cat, "filtered");
-  removeObserver(id);
-  removeObserver(id);      // removing twice is harmless
-  removeObserver(-12345);  // and so is an unknown id
-  RX_ERROR(cat, "gone");
-  EXPECT_EQ((std::vector<std::string>{"3outer", "3inner"}), seen);
-}
-
-TEST(LogTest, RemoveObserverWaitsForACallInFlight) {
-  Category& cat = category("test.observer.inflight");
-  setLevel("test.observer.inflight", Info);
-  std::promise<void> entered, release;
-  std::shared_future<void> released = release.get_future().share();
-  std::atomic<bool> removeReturned{false}, removeReturnedDuringCall{false};
-  std::atomic<int> calls{0};
-  const int id = addObserver([&](const std::string& c, int, const std::string&) {
-    if (c != "test.observer.inflight") return;
-    if (++calls == 1) entered.set_value();
+    if (m != "held") return;
+    entered.set_value();
     released.wait_for(testsupport::kWait);
     removeReturnedDuringCall = removeReturned.load();
   });
+  RX_INFO(cat, "outer");
+  RX_VERBOSE(cat, "filtered");
   std::thread writer([&] { RX_INFO(cat, "held"); });
   EXPECT_EQ(std::future_status::ready, entered.get_future().wait_for(testsupport::kWait)) << "no call in flight";
   std::thread remover([&] {
@@ -113,8 +95,9 @@ TEST(LogTest, RemoveObserverWaitsForACallInFlight) {
   writer.join();
   remover.join();
   EXPECT_FALSE(removeReturnedDuringCall) << "removeObserver returned while the observer was running";
-  RX_INFO(cat, "after removal");
-  EXPECT_EQ(1, calls.load()) << "observer called after its removal";
+  removeObserver(id);  // removing twice is harmless
+  RX_ERROR(cat, "after removal");
+  EXPECT_EQ((std::vector<std::string>{"3outer", "3inner", "3held"}), seen);
 }
 
 TEST(LogTest, CategoriesAreSharedBetweenThreads) {
@@ -149,14 +132,11 @@ TEST(LogTest, ReadsRxLogFromTheEnvironmentAtFirstUse) {
   EXPECT_NE(std::string::npos, good.find("[  PASSED  ] 1 test")) << good;
   EXPECT_EQ(std::string::npos, good.find("SKIPPED")) << good;
   EXPECT_EQ(std::string::npos, good.find("not shown")) << good;
-  // Every line starts with its date and time: "2025-03-01 14:02:03.517 [rx] ...".
+  // Every line starts with its date and time: "2025-03-01 14:02:03.517 [rx] ...";
+  // a line feed in logged text (a client's name, say) cannot start a line of its own.
   EXPECT_TRUE(std::regex_search(good, std::regex(R"((^|\n)\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )"
-                                                 R"(\[rx\] \[error\] \[envtest.a\] hello child 42\n)")))
+                                                 R"(\[rx\] \[error\] \[envtest.a\] hello 42\\n\[rx\] forged\n)")))
       << good;
-  // A line feed in logged text (a client's name, say) cannot start a line of its own.
-  EXPECT_NE(std::string::npos, good.find("[envtest.a] client evil\\n[rx] [error] [rx] forged\n")) << good;
-  EXPECT_EQ(std::string::npos, good.find("\n[rx] [error] [rx] forged")) << good;
-
   const std::string bad = runChild("envtest.a=loud", "bad");
   EXPECT_NE(std::string::npos, bad.find("[  PASSED  ] 1 test")) << bad;
   EXPECT_NE(std::string::npos, bad.find("[rx] [warning] [rx] ignoring malformed RX_LOG=\"envtest.a=loud\"")) << bad;
@@ -165,24 +145,19 @@ TEST(LogTest, ReadsRxLogFromTheEnvironmentAtFirstUse) {
 TEST(LogEnvChild, ThresholdsComeFromTheEnvironment) {
   const char* mode = std::getenv("RX_LOG_TEST_CHILD");
   if (mode == nullptr) GTEST_SKIP() << "runs only as the child of LogTest.ReadsRxLogFromTheEnvironmentAtFirstUse";
-  if (std::string(mode) == "good") {
-    EXPECT_EQ(Verbose, category("envtest.a").threshold());
-    EXPECT_EQ(Warning, category("envtest.other").threshold());
-    RX_ERROR(category("envtest.a"), "hello child " << 42);
-    RX_ERROR(category("envtest.a"), "client evil\n[rx] [error] [rx] forged");
-    RX_INFO(category("envtest.other"), "not shown");
-  } else {
-    EXPECT_EQ(kDefaultThreshold, category("envtest.a").threshold());
-  }
+  const bool good = std::string(mode) == "good";
+  EXPECT_EQ(good ? Verbose : kDefaultThreshold, category("envtest.a").threshold());
+  if (!good) return;
+  EXPECT_EQ(Warning, category("envtest.other").threshold());
+  RX_ERROR(category("envtest.a"), "hello " << 42 << "\n[rx] forged");
+  RX_INFO(category("envtest.other"), "not shown");
 }
 
 // A client's name or key is logged as given; it must never start a line of its own.
 TEST(LogTest, ControlCharactersCannotForgeLines) {
   const std::pair<std::string, std::string> cases[] = {
-      {"plain name", "plain name"},
       {"evil\n[info] broker stopped", "evil\\n[info] broker stopped"},
       {"a\rb\tc", "a\\rb\\tc"},
-      {"del\x7f", "del\\x7f"},
       {std::string("nul\0bell\a\x7f", 10), "nul\\x00bell\\x07\\x7f"},
       {"trailing line end\n", "trailing line end"},
       {"\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},  // UTF-8 stays as it is

@@ -2,11 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "mz/object.h"
 #include "rx/rxerror.h"
 #include "support/capture.h"
@@ -24,43 +19,36 @@ RXValue list(std::vector<RXValue> items) {
   return a;
 }
 
-const unsigned char kBytes[] = {0, 1, 255};
-
-// Each kind: its code and name, its text for logs and the CLI, its size.
+// Each kind: its code, name and size, its text for logs and the CLI.
 TEST(RXValueTest, EveryKindHasItsCodeNameTextAndSize) {
+  const unsigned char bytes[] = {0, 1, 255};
   const struct {
     RXValue v;
-    int code;
-    const char* name;
-    std::string text;
-    std::size_t size;
+    std::string kind, text;
   } cases[] = {
-      {RXValue(), 0, "invalid", "invalid", 0},
-      {list({RXValue(1), RXValue("a"), list({RXValue(true)})}), 1, "array", "[1, \"a\", [true]]", 3},
-      {RXValue::array(), 1, "array", "[]", 0},
-      {RXValue(false), 2, "bool", "false", 0},
-      {RXValue(-2147483647 - 1), 3, "int", "-2147483648", 0},
-      {RXValue(2.0f), 4, "float", "2.0", 0},
-      {RXValue(-3.0f), 4, "float", "-3.0", 0},
-      {RXValue(0.1f), 4, "float", "0.1", 0},
-      {RXValue(1e20f), 4, "float", "1e+20", 0},
-      {RXValue("say \"hi\" \\o/"), 5, "string", "\"say \\\"hi\\\" \\\\o/\"", 12},
-      {RXValue(static_cast<const char*>(nullptr)), 5, "string", "\"\"", 0},
-      {RXValue(mz::AnyObject()), 6, "object", "<object>", 0},
-      {RXValue(kBytes, sizeof kBytes), 7, "binary", "<binary 3 bytes>", 3},
+      {RXValue(), "0 invalid 0", "invalid"},
+      {list({RXValue(1), RXValue("a"), list({RXValue(true)})}), "1 array 3", "[1, \"a\", [true]]"},
+      {RXValue(false), "2 bool 0", "false"},
+      {RXValue(-2147483647 - 1), "3 int 0", "-2147483648"},
+      {RXValue(2.0f), "4 float 0", "2.0"},
+      {RXValue(0.1f), "4 float 0", "0.1"},
+      {RXValue(1e20f), "4 float 0", "1e+20"},
+      {RXValue("say \"hi\" \\o/"), "5 string 12", "\"say \\\"hi\\\" \\\\o/\""},
+      {RXValue(static_cast<const char*>(nullptr)), "5 string 0", "\"\""},
+      {RXValue(mz::AnyObject()), "6 object 0", "<object>"},
+      {RXValue(bytes, sizeof bytes), "7 binary 3", "<binary 3 bytes>"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.text, c.v.toString());
-    EXPECT_EQ(c.code, c.v.getType()) << c.text;
-    EXPECT_EQ(std::string(c.name) + " " + std::to_string(c.size),
-              std::string(RXValue::TypeToString(c.code)) + " " + std::to_string(c.v.getSize())) << c.text;
+    EXPECT_EQ(c.kind, std::to_string(c.v.getType()) + " " + RXValue::TypeToString(c.v.getType()) + " " +
+                          std::to_string(c.v.getSize()));
   }
   EXPECT_STREQ("unknown", RXValue::TypeToString(8));
   // Verbosity 0 leaves strings unquoted; floats read back to the same float.
   EXPECT_EQ("[1, say \"hi\", [true]]", list({RXValue(1), RXValue("say \"hi\""), list({RXValue(true)})}).toString(0));
   for (float x : {3.14159274f, 1.0f / 3.0f, 16777216.0f, 1.17549435e-38f})
     EXPECT_EQ(x, std::stof(RXValue(x).toString())) << RXValue(x).toString();
-  EXPECT_EQ(RXValue::Binary({0, 1, 255}), RXValue(kBytes, sizeof kBytes).toBinary());
+  EXPECT_EQ(RXValue::Binary({0, 1, 255}), RXValue(bytes, sizeof bytes).toBinary());
   EXPECT_EQ(std::vector<std::string>({"a", "", "c"}), RXValue(std::vector<std::string>{"a", "", "c"}).toStringList());
 }
 
@@ -73,8 +61,6 @@ TEST(RXValueTest, ConversionsAreExactAndErrorsNameBothKinds) {
       {[] { (void)RXValue(1).toFloat(); }, "toFloat: Can't convert an int to float"},
       {[] { (void)RXValue(1).toBool(); }, "toBool: Can't convert an int to bool"},
       {[] { (void)RXValue().toStdString(); }, "toStdString: Can't convert an invalid value to string"},
-      {[] { (void)static_cast<const std::string&>(RXValue::array()); },
-       "toStdString: Can't convert an array to string"},
       {[] { (void)RXValue("x").toBinary(); }, "toBinary: Can't convert a string to binary"},
       {[] { (void)RXValue(true).toObject(); }, "toObject: Can't convert a bool to object"},
       {[] { (void)RXValue(3).toStringList(); }, "toStringList: Can't convert an int to list of strings"},
@@ -91,10 +77,8 @@ TEST(RXValueTest, ArraysGrowShrinkAndCheckIndexes) {
   RXValue v;
   v.arrayReserve(10);  // an invalid value becomes an empty array
   EXPECT_EQ("[]", v.toString());
-  RXValue s("two");
   v.arrayPush(RXValue(1));
-  v.arrayPush(s);
-  EXPECT_EQ("two", s.toStdString()) << "pushing a copy leaves the source alone";
+  v.arrayPush(RXValue("two"));
   v.arraySetSize(4);
   v[3] = RXValue(4.5f);
   EXPECT_EQ("[1, \"two\", invalid, 4.5]", v.toString());
@@ -105,9 +89,7 @@ TEST(RXValueTest, ArraysGrowShrinkAndCheckIndexes) {
   RXValue invalid, str("abc");
   EXPECT_THROW((void)invalid[0], RXError);
   EXPECT_THROW(str.arraySetSize(2), RXError);
-  EXPECT_FALSE(invalid.isValid()) << "a failed index must not change the value";
-  EXPECT_EQ("abc", str.toStdString());
-
+  EXPECT_EQ("invalid \"abc\"", invalid.toString() + " " + str.toString()) << "a failed index changed the value";
   // Pushing the array into itself, or one of its own elements, copies first.
   RXValue self = list({RXValue(1)});
   self.arrayPush(self);
@@ -130,9 +112,10 @@ TEST(RXValueTest, EqualityComparesKindAndContent) {
 }
 
 // Modules hand out getPtrValue() addresses: assigning a value of the same kind,
-// copied or moved, writes into the existing storage.
-TEST(RXValueTest, PointerStaysValidAcrossSameKindAssignment) {
-  // An invalid value's address receives its first scalar.
+// copied or moved, writes into the existing storage (an invalid value's
+// address receives its first scalar). Copies are deep; a moved-from value is
+// invalid; assigning the value, or one of its own elements, to itself is safe.
+TEST(RXValueTest, AssignmentKeepsTheStorageOfTheSameKindAndCopiesDeep) {
   const std::pair<RXValue, RXValue> cases[] = {{RXValue(1), RXValue(7)}, {RXValue(1.0f), RXValue(2.5f)},
       {RXValue(false), RXValue(true)}, {RXValue("short"), RXValue(std::string(200, 'y'))},
       {RXValue(std::vector<std::string>{"a"}), RXValue(std::vector<std::string>{"b", "c"})},
@@ -141,42 +124,32 @@ TEST(RXValueTest, PointerStaysValidAcrossSameKindAssignment) {
   for (const bool moved : {false, true}) {
     for (const auto& [before, after] : cases) {
       SCOPED_TRACE((moved ? "moved " : "copied ") + after.toString());
-      RXValue v(before);
+      RXValue v(before), source(after);
       void* p = v.getPtrValue();
-      RXValue source(after);
       if (moved)
         v = std::move(source);
       else
         v = source;
       EXPECT_EQ(p, v.getPtrValue());
       EXPECT_EQ(after, v);
+      EXPECT_TRUE(!moved || !source.isValid()) << "a moved-from value must be invalid";
     }
   }
   RXValue i(1);
   *static_cast<int*>(i.getPtrValue()) = 9;
   EXPECT_EQ(9, i.toInt()) << "writes through the pointer are seen by the value";
-  RXValue s("old");
-  s = RXValue("moved in");
-  EXPECT_EQ("moved in", *static_cast<std::string*>(s.getPtrValue()));
-}
 
-TEST(RXValueTest, CopyIsDeepMoveLeavesSourceInvalidSelfAssignmentIsSafe) {
   RXValue original = list({RXValue("a"), RXValue(std::vector<std::string>{"b"})});
   RXValue copy(original), assigned(5);
   copy[1][0] = RXValue("changed");
   assigned = original;
   assigned[0] = RXValue(0);
   EXPECT_EQ("[\"a\", [\"b\"]]", original.toString());
-  RXValue target("x"), source(copy);
-  target = std::move(source);
-  EXPECT_FALSE(source.isValid());
-  EXPECT_EQ(copy, target);
   RXValue self("keep");
   RXValue& alias = self;
   self = alias;
   self = std::move(alias);
   EXPECT_EQ("keep", self.toStdString());
-  // Assignment from one of the value's own elements, copied and moved.
   RXValue tree = list({RXValue("leaf")}), nested = list({RXValue(std::vector<std::string>{"p"}), RXValue(1)});
   tree = tree[0];
   nested = nested[0];
@@ -190,9 +163,7 @@ TEST(RXValueTest, CopyIsDeepMoveLeavesSourceInvalidSelfAssignmentIsSafe) {
 TEST(RXErrorTest, WhatCarriesModuleMethodMessageAndPlace) {
   RXError withPlace("RXMemory", "getData", "Data not found foo", "rxbase/src/rxmemory.cpp", 120);
   EXPECT_STREQ("RXMemory::getData: Data not found foo (rxbase/src/rxmemory.cpp:120)", withPlace.what());
-  EXPECT_EQ("RXMemory|getData|Data not found foo|120",
-            withPlace.module() + "|" + withPlace.method() + "|" + withPlace.message() + "|" +
-                std::to_string(withPlace.line()));
+  EXPECT_EQ("Data not found foo", withPlace.message());
   EXPECT_STREQ("M::m: text", RXError("M", "m", "text").what());
   const int line = __LINE__ + 2;
   try {
