@@ -1,7 +1,6 @@
 #include "rx/rxlog.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -9,6 +8,7 @@
 #include <thread>
 
 #include "support/capture.h"
+#include "support/process.h"
 
 namespace RX {
 namespace log {
@@ -114,17 +114,14 @@ TEST(LogTest, CategoriesAreSharedBetweenThreads) {
 // RX_LOG is read at the first use of the log: checked in a child process
 // (this executable) started with the variable set.
 std::string runChild(const std::string& rxLog, const std::string& mode) {
-  char self[4096];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return "cannot find the test executable";
-  self[n] = '\0';
-  const std::string command = "RX_LOG='" + rxLog + "' RX_LOG_TEST_CHILD=" + mode + " '" + std::string(self) +
-                              "' --gtest_filter=LogEnvChild.ThresholdsComeFromTheEnvironment 2>&1";
+  setenv("RX_LOG", rxLog.c_str(), 1);
+  setenv("RX_LOG_TEST_CHILD", mode.c_str(), 1);
+  testsupport::Child child({"/proc/self/exe", "--gtest_filter=LogEnvChild.ThresholdsComeFromTheEnvironment"}, true);
+  unsetenv("RX_LOG_TEST_CHILD");  // for the child only
+  unsetenv("RX_LOG");
   std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  for (char buf[512]; pipe != nullptr && fgets(buf, sizeof buf, pipe) != nullptr;) output += buf;
-  if (pipe == nullptr || pclose(pipe) != 0) output += "\n(the child failed)";
-  return output;
+  while (auto line = child.readLine()) output += *line + "\n";
+  return output + (child.wait() == 0 ? "" : "(the child failed)");
 }
 
 TEST(LogTest, ReadsRxLogFromTheEnvironmentAtFirstUse) {
