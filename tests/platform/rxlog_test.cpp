@@ -51,7 +51,8 @@ TEST(LogTest, AppliesSettingsAtomicallyWithNamedEntriesBeatingTheDefault) {
   EXPECT_TRUE(applyThresholds("test.thresholds.later=error,"));
   EXPECT_EQ(Error, category("test.thresholds.later").threshold());
   // Malformed settings apply nothing at all, not even their valid entries.
-  for (const char* bad : {"test.thresholds.a=1,oops", "test.thresholds.a=1,=3", "test.thresholds.a=1,test.thresholds.b=6"})
+  for (const char* bad :
+       {"test.thresholds.a=1,oops", "test.thresholds.a=1,=3", "test.thresholds.a=1,test.thresholds.b=6"})
     EXPECT_TRUE(!applyThresholds(bad) && a.threshold() == Verbose) << bad;
   // "*" sets every category and the default of future ones; a named entry
   // wins over it wherever it stands.
