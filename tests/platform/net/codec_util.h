@@ -1,8 +1,6 @@
-// Bytes written as hex text, both ways, so that wire tables read like a dump;
-// and the text of an exception, so that one check of an error is one line.
+// Bytes written as hex text, both ways, so that wire tables read like a dump.
 #pragma once
 
-#include <exception>
 #include <string>
 
 namespace nettest {
@@ -23,17 +21,6 @@ inline std::string hex(const std::string& bytes) {
     s += {digits[c >> 4], digits[c & 0x0f]};
   }
   return s;
-}
-
-// The text of the exception f throws, or "(no error)".
-template <typename F>
-std::string errorOf(F&& f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(no error)";
 }
 
 }  // namespace nettest

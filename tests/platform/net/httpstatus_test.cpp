@@ -2,29 +2,22 @@
 // catalogue, status and live table as JSON, live streams, and what untrusted
 // clients cannot do to the server.
 #include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
 #include <unistd.h>
 
-#include <httplib.h>
-
-#include <chrono>
+#include <boost/make_shared.hpp>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
-#include <mutex>
-#include <thread>
-
-#include <boost/make_shared.hpp>
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "net/httpstatusserver.h"
 #include "rx/rxbroker.h"
 #include "rx/rxlivefeed.h"
 #include "rx/rxmodule.h"
+#include "support/capture.h"
 
 namespace {
 
@@ -42,7 +35,7 @@ const char* const kTextPolicy =
 // page renders can be held at a gate, and which offers a small live view.
 class PageModule : public RX::RXModule {
  public:
-  PageModule(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
+  explicit PageModule(boost::shared_ptr<RX::RXBroker> broker) : RXModule(broker, "Pages") {
     setModuleDescription("Serves a page with <b>markup</b>");
     functionName("echo", "PageModule", "Returns its argument", 0);
     addParam("text", "What to return");
@@ -71,7 +64,7 @@ class PageModule : public RX::RXModule {
   }
   bool waitInside(int count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, 5s, [&] { return inside_ == count; });
+    return changed_.wait_for(lock, testsupport::kWait, [&] { return inside_ == count; });
   }
 
   RX::LiveFeed feed;
@@ -84,13 +77,14 @@ class PageModule : public RX::RXModule {
   int inside_ = 0;
 };
 
+// A raw connection whose every wait is bounded.
 int connectTo(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  timeval timeout{5, 0};  // every wait of the test's clients is bounded
+  const timeval timeout{5, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
   EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << std::strerror(errno);
@@ -102,76 +96,71 @@ std::string receive(int fd, const std::string& until = std::string()) {
   std::string answer;
   char buf[4096];
   ssize_t n;
-  while ((until.empty() || answer.find(until) == std::string::npos) && (n = ::recv(fd, buf, sizeof(buf), 0)) > 0)
+  while ((until.empty() || answer.find(until) == std::string::npos) &&
+         (n = ::recv(fd, buf, sizeof(buf), 0)) > 0)
     answer.append(buf, static_cast<std::size_t>(n));
   return answer;
 }
 
-// Sends the bytes and returns "STATUS LINE\nBODY" of the answer, or what came
-// when it has no head.
+// Sends the bytes on a new connection; returns "STATUS LINE\nBODY" of the
+// answer, or what came when it has no head.
 std::string exchange(int port, const std::string& request) {
-  int fd = connectTo(port);
+  const int fd = connectTo(port);
   ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-  std::string answer = receive(fd);
+  const std::string answer = receive(fd);
   ::close(fd);
-  std::size_t head = answer.find("\r\n\r\n");
+  const std::size_t head = answer.find("\r\n\r\n");
   if (head == std::string::npos) return answer;
   return answer.substr(0, answer.find("\r\n")) + "\n" + answer.substr(head + 4);
 }
 
 class HttpStatusTest : public ::testing::Test {
  protected:
-  void SetUp() override { startWith(Server::Options()); }
-  void startWith(const Server::Options& options) {
-    if (server_) server_->stop();
-    if (!broker_) {
-      broker_ = RX::RXBroker::create("testbroker");
-      module_ = boost::make_shared<PageModule>(broker_, "Pages");
-      module_->initModule();
-    }
-    server_ = std::make_unique<Server>(broker_, "127.0.0.1", 0, options);
-    server_->start();
-    client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
-    client_->set_connection_timeout(5);
-    client_->set_read_timeout(5);
+  ~HttpStatusTest() override {
+    module->setGate(false);
+    server.reset();
+    broker->shutdown();
   }
-  void TearDown() override {
-    module_->setGate(false);
-    server_->stop();
-    broker_->shutdown();
+  void start(const Server::Options& options = {}) {
+    server = std::make_unique<Server>(broker, "127.0.0.1", 0, options);
+    server->start();
+  }
+  httplib::Result get(const std::string& path) {
+    httplib::Client client("127.0.0.1", server->port());
+    client.set_read_timeout(5);
+    return client.Get(path);
   }
   std::future<httplib::Result> getAsync(const std::string& path) {
-    return std::async(std::launch::async, [this, path] {
-      httplib::Client client("127.0.0.1", server_->port());
-      client.set_read_timeout(5);
-      return client.Get(path.c_str());
-    });
-  }
-  // A bounded wait on a condition the test cannot be told about.
-  static bool waitUntil(const std::function<bool()>& condition) {
-    for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;
-         std::this_thread::sleep_for(1ms))
-      if (condition()) return true;
-    return false;
+    return std::async(std::launch::async, [this, path] { return get(path); });
   }
 
-  boost::shared_ptr<RX::RXBroker> broker_;
-  boost::shared_ptr<PageModule> module_;
-  std::unique_ptr<Server> server_;
-  std::unique_ptr<httplib::Client> client_;
+  boost::shared_ptr<RX::RXBroker> broker = RX::RXBroker::create("testbroker");
+  boost::shared_ptr<PageModule> module = [this] {
+    auto m = boost::make_shared<PageModule>(broker);
+    m->initModule();
+    return m;
+  }();
+  std::unique_ptr<Server> server;
 };
 
-TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesAndPolicies) {
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("rxweb" + std::to_string(getpid()));
+// Every route with its type and policy; the index and the JSON documents show
+// the modules, their catalogue, drops and transport counters.
+TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesPoliciesAndContents) {
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("rxweb" + std::to_string(getpid()));
   std::filesystem::create_directories(dir);
   for (const char* file : {"live.html", "live.js", "live.css"}) std::ofstream(dir / file) << file;
   Server::Options options;
   options.webDir = dir.string();
-  startWith(options);
+  broker->setTransportCounters([] {
+    return std::map<std::string, uint64_t>{{"clients connected", 3}, {"cut off: <b>slow</b>", 1}};
+  });
+  start(options);
   const std::string live = Server::livePolicy(), text = "text/plain; charset=utf-8";
-  EXPECT_EQ("default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self'; "
-            "base-uri 'none'; form-action 'none'; frame-ancestors 'none'",
-            live);
+  EXPECT_EQ(
+      "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self'; "
+      "base-uri 'none'; form-action 'none'; frame-ancestors 'none'",
+      live);
   struct {
     const char* path;
     int status;
@@ -195,18 +184,60 @@ TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesAndPolicies) {
       {"/live/../live.html", 404, "HTTP error 404\n", text, kTextPolicy},
   };
   for (const auto& c : cases) {
-    auto res = client_->Get(c.path);
-    ASSERT_TRUE(res) << c.path;
-    EXPECT_EQ(c.status, res->status) << c.path;
-    EXPECT_EQ(c.body, res->body) << c.path;
-    EXPECT_EQ(c.type, res->get_header_value("Content-Type")) << c.path;
-    EXPECT_EQ(c.policy, res->get_header_value("Content-Security-Policy")) << c.path;
-    EXPECT_EQ(1u, res->get_header_value_count("Content-Security-Policy")) << c.path;
+    SCOPED_TRACE(c.path);
+    auto res = get(c.path);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(c.status, res->status);
+    EXPECT_EQ(c.body, res->body);
+    EXPECT_EQ(c.type, res->get_header_value("Content-Type"));
+    EXPECT_EQ(c.policy, res->get_header_value("Content-Security-Policy"));
+    EXPECT_EQ(1u, res->get_header_value_count("Content-Security-Policy"));
   }
   std::filesystem::remove_all(dir);
-  EXPECT_EQ("HTTP/1.1 404 Not Found\nThe live view's file live.html is not installed (web folder: " + dir.string() +
-                ")\n",
-            exchange(server_->port(), "GET /live HTTP/1.1\r\nConnection: close\r\n\r\n"));
+  EXPECT_EQ("HTTP/1.1 404 Not Found\nThe live view's file live.html is not installed (web folder: " +
+                dir.string() + ")\n",
+            exchange(server->port(), "GET /live HTTP/1.1\r\nConnection: close\r\n\r\n"));
+  auto res = get("/");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(200, res->status);
+  for (const char* needle :
+       {"<a href=\"/Pages\">Pages</a>", "Serves a page with &lt;b&gt;markup&lt;/b&gt;",
+        "<a href=\"/Pages/methods.json\">2 methods</a>", "<h4>Dropped notifications</h4>",
+        "<tr><td>Pages</td><td>0</td></tr>\n</table>\n<h4>Transport</h4>\n<table><tr><th>Counter</"
+        "th><th>Count</th></tr>\n"
+        "<tr><td>clients connected</td><td>3</td></tr>\n<tr><td>cut off: "
+        "&lt;b&gt;slow&lt;/b&gt;</td><td>1</td></tr>\n"
+        "</table>"})
+    EXPECT_NE(std::string::npos, res->body.find(needle)) << needle << "\n" << res->body;
+  EXPECT_EQ(Server::contentSecurityPolicy(res->body), res->get_header_value("Content-Security-Policy"));
+  EXPECT_NE(std::string::npos, res->get_header_value("Content-Security-Policy").find("'sha256-"));
+
+  const std::pair<const char*, const char*> documents[] = {
+      {"/status.json", R"({"broker": "testbroker",
+          "modules": [{"name": "Pages", "description": "Serves a page with <b>markup</b>"}],
+          "droppedNotifications": {"Pages": 0}, "transport": {"clients connected": 3, "cut off: <b>slow</b>": 1}})"},
+      {"/Pages/methods.json",
+       R"({"module": "Pages", "description": "Serves a page with <b>markup</b>", "methods": [
+          {"name": "echo", "className": "PageModule", "description": "Returns its argument", "mask": 0,
+           "parameters": [{"name": "text", "description": "What to return", "type": "string"}],
+           "return": {"name": "same", "description": "The same text", "type": "string"}},
+          {"name": "rawAddress", "className": "PageModule", "description": "An address", "mask": 4,
+           "parameters": [], "return": null}]})"}};
+  for (const auto& d : documents) {
+    auto json = get(d.first);
+    ASSERT_TRUE(json);
+    EXPECT_EQ(200, json->status);
+    EXPECT_EQ("application/json", json->get_header_value("Content-Type"));
+    nlohmann::json doc = nlohmann::json::parse(json->body);
+    if (doc.contains("methods"))
+      for (auto& method : doc["methods"]) method.erase("signature");
+    EXPECT_EQ(nlohmann::json::parse(d.second), doc) << d.first;
+  }
+
+  Server second(broker, "127.0.0.1", server->port());
+  EXPECT_EQ(0u, testsupport::errorOf([&] {
+                  second.start();
+                }).find("cannot serve HTTP on 127.0.0.1:" + std::to_string(server->port()) + ": "));
 }
 
 TEST(HttpStatusPolicyTest, StyleHashesAndWhichStyleBlockCounts) {
@@ -229,66 +260,29 @@ TEST(HttpStatusPolicyTest, StyleHashesAndWhichStyleBlockCounts) {
     EXPECT_NE(std::string::npos, Server::contentSecurityPolicy(c.first).find(c.second)) << c.first;
 }
 
-TEST_F(HttpStatusTest, IndexAndJsonShowModulesCatalogueDropsAndTransportCounters) {
-  broker_->setTransportCounters([] {
-    return std::map<std::string, uint64_t>{{"clients connected", 3}, {"cut off: <b>slow</b>", 1}};
-  });
-  auto res = client_->Get("/");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(200, res->status);
-  for (const char* needle :
-       {"<a href=\"/Pages\">Pages</a>", "Serves a page with &lt;b&gt;markup&lt;/b&gt;",
-        "<a href=\"/Pages/methods.json\">2 methods</a>", "<h4>Dropped notifications</h4>",
-        "<tr><td>Pages</td><td>0</td></tr>\n</table>\n<h4>Transport</h4>\n<table><tr><th>Counter</th><th>Count</th></tr>\n"
-        "<tr><td>clients connected</td><td>3</td></tr>\n<tr><td>cut off: &lt;b&gt;slow&lt;/b&gt;</td><td>1</td></tr>\n"
-        "</table>"})
-    EXPECT_NE(std::string::npos, res->body.find(needle)) << needle << "\n" << res->body;
-  EXPECT_EQ(Server::contentSecurityPolicy(res->body), res->get_header_value("Content-Security-Policy"));
-  EXPECT_NE(std::string::npos, res->get_header_value("Content-Security-Policy").find("'sha256-"));
-
-  const std::pair<const char*, const char*> documents[] = {
-      {"/status.json", R"({"broker": "testbroker",
-          "modules": [{"name": "Pages", "description": "Serves a page with <b>markup</b>"}],
-          "droppedNotifications": {"Pages": 0}, "transport": {"clients connected": 3, "cut off: <b>slow</b>": 1}})"},
-      {"/Pages/methods.json", R"({"module": "Pages", "description": "Serves a page with <b>markup</b>", "methods": [
-          {"name": "echo", "className": "PageModule", "description": "Returns its argument", "mask": 0,
-           "parameters": [{"name": "text", "description": "What to return", "type": "string"}],
-           "return": {"name": "same", "description": "The same text", "type": "string"}},
-          {"name": "rawAddress", "className": "PageModule", "description": "An address", "mask": 4,
-           "parameters": [], "return": null}]})"}};
-  for (const auto& d : documents) {
-    auto json = client_->Get(d.first);
-    ASSERT_TRUE(json);
-    EXPECT_EQ(200, json->status);
-    EXPECT_EQ("application/json", json->get_header_value("Content-Type"));
-    nlohmann::json doc = nlohmann::json::parse(json->body);
-    if (doc.contains("methods"))
-      for (auto& method : doc["methods"]) method.erase("signature");
-    EXPECT_EQ(nlohmann::json::parse(d.second), doc) << d.first;
-  }
-}
-
 TEST_F(HttpStatusTest, LiveStreamsPushChangedRowsAreCappedAndEndAtStop) {
   Server::Options options;
   options.maxLiveStreams = 1;
-  startWith(options);
+  start(options);
   const std::string request = "GET /live/events HTTP/1.1\r\nHost: x\r\n\r\n";
-  int stream = connectTo(server_->port());
+  const int stream = connectTo(server->port());
   ::send(stream, request.data(), request.size(), MSG_NOSIGNAL);
   const std::string hello = receive(stream, "event: hello\ndata: \n\n");
   EXPECT_NE(std::string::npos, hello.find("Content-Type: text/event-stream")) << hello;
   EXPECT_NE(std::string::npos, hello.find("Content-Security-Policy: " + Server::livePolicy())) << hello;
-  module_->feed.changed("k");
-  module_->feed.changed("k");  // pending once
-  module_->feed.changed("j");
+  module->feed.changed("k");
+  module->feed.changed("k");  // pending once
+  module->feed.changed("j");
   const std::string rows = receive(stream, "{\"name\":\"j\"}\n\n");
-  EXPECT_NE(std::string::npos, rows.find("event: row\ndata: {\"name\":\"k\"}\n\nevent: row\ndata: {\"name\":\"j\"}"))
+  EXPECT_NE(std::string::npos,
+            rows.find("event: row\ndata: {\"name\":\"k\"}\n\nevent: row\ndata: {\"name\":\"j\"}"))
       << rows;
-  EXPECT_EQ("HTTP/1.1 503 Service Unavailable\nService unavailable: 1 live streams already open (limit "
-            "maxLiveStreams = 1)\n",
-            exchange(server_->port(), "GET /live/events HTTP/1.1\r\nConnection: close\r\n\r\n"));
-  server_->stop();  // returns although the stream's client is still there
-  EXPECT_EQ(0u, server_->liveStreams());
+  EXPECT_EQ(
+      "HTTP/1.1 503 Service Unavailable\nService unavailable: 1 live streams already open (limit "
+      "maxLiveStreams = 1)\n",
+      exchange(server->port(), "GET /live/events HTTP/1.1\r\nConnection: close\r\n\r\n"));
+  server->stop();  // returns although the stream's client is still there
+  EXPECT_EQ(0u, server->liveStreams());
   ::close(stream);
 }
 
@@ -298,17 +292,20 @@ TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn)
   options.maxHeaderBytes = 1024;
   options.maxPayloadBytes = 100;
   options.readTimeoutMs = 300;
-  startWith(options);
+  start(options);
   std::string headers;
   for (int i = 0; i < 10000; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
   const std::string get = "GET /status.json HTTP/1.1\r\nConnection: close\r\n";
   const std::pair<std::string, std::string> cases[] = {
-      {get + headers.substr(0, headers.find("X-7")) + "\r\n", "HTTP/1.1 200 OK"},  // 8 lines: the limit itself
+      {get + headers.substr(0, headers.find("X-7")) + "\r\n",
+       "HTTP/1.1 200 OK"},  // 8 lines: the limit itself
       {get + headers + "\r\n",
-       "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: more than 8 header lines "
+       "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: more than 8 header "
+       "lines "
        "(limit maxHeaderCount = 8)\n"},
       {get + "X-Long: " + std::string(2000, 'a') + "\r\n\r\n",
-       "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: request head longer than "
+       "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: request head longer "
+       "than "
        "1024 bytes (limit maxHeaderBytes = 1024)\n"},
       {"POST /status.json HTTP/1.1\r\nContent-Length: 1000\r\n\r\n" + std::string(1000, 'b'),
        "HTTP/1.1 413 Payload Too Large\nPayload too large: request body longer than 100 bytes (limit "
@@ -318,19 +315,21 @@ TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn)
        "readTimeoutMs = 300)\n"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(c.second, exchange(server_->port(), c.first).substr(0, c.second.size())) << c.first.substr(0, 80);
-    auto res = client_->Get("/status.json");
+    EXPECT_EQ(c.second, exchange(server->port(), c.first).substr(0, c.second.size()))
+        << c.first.substr(0, 80);
+    auto res = this->get("/status.json");
     ASSERT_TRUE(res) << "no answer after " << c.first.substr(0, 80);
     EXPECT_EQ(200, res->status);
   }
 }
 
 TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
+  start();
   // Eight clients trickle a request a byte at a time; the server's default
   // threads and request deadline must leave room for a normal request.
   std::vector<int> slow;
   for (int i = 0; i < 8; ++i) {
-    slow.push_back(connectTo(server_->port()));
+    slow.push_back(connectTo(server->port()));
     ::send(slow.back(), "GET / HTTP/1.1\r\nX-Slow: ", 24, MSG_NOSIGNAL);
   }
   std::promise<void> stop;
@@ -338,7 +337,7 @@ TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
     while (stopped.wait_for(100ms) == std::future_status::timeout)
       for (int fd : slow) ::send(fd, "a", 1, MSG_NOSIGNAL);
   });
-  auto res = client_->Get("/Pages");
+  auto res = get("/Pages");
   stop.set_value();
   trickle.join();
   for (int fd : slow) ::close(fd);
@@ -349,62 +348,50 @@ TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
 TEST_F(HttpStatusTest, ModulePagesRenderOneAtATimeWithFewWaiting) {
   Server::Options options;
   options.maxWaitingPageRenders = 1;
-  startWith(options);
-  module_->setGate(true);
+  start(options);
+  module->setGate(true);
   auto first = getAsync("/Pages");
-  ASSERT_TRUE(module_->waitInside(1)) << "the first render did not start";
+  ASSERT_TRUE(module->waitInside(1)) << "the first render did not start";
   auto second = getAsync("/Pages");
-  ASSERT_TRUE(waitUntil([&] { return server_->pageRendersWaiting() == 1; })) << "the second render is not waiting";
-  auto third = client_->Get("/Pages");
+  ASSERT_TRUE(testsupport::pollUntil([&] { return server->pageRendersWaiting() == 1; }))
+      << "the second render is not waiting";
+  auto third = get("/Pages");
   ASSERT_TRUE(third);
   EXPECT_EQ(503, third->status);
-  EXPECT_EQ("Service unavailable: 1 requests already wait to render a module page (limit maxWaitingPageRenders = 1)\n",
-            third->body);
-  auto index = client_->Get("/");  // the index does not wait for module pages
+  EXPECT_EQ(
+      "Service unavailable: 1 requests already wait to render a module page (limit maxWaitingPageRenders = "
+      "1)\n",
+      third->body);
+  auto index = get("/");  // the index does not wait for module pages
   ASSERT_TRUE(index);
   EXPECT_EQ(200, index->status);
-  module_->setGate(false);
+  module->setGate(false);
   for (auto* pending : {&first, &second}) {
     auto res = pending->get();
     ASSERT_TRUE(res);
     EXPECT_EQ(200, res->status);
   }
-  EXPECT_EQ(1, module_->maxInside);
+  EXPECT_EQ(1, module->maxInside);
 }
 
 TEST_F(HttpStatusTest, ConnectionsBeyondTheQueueAreRefusedAtOnce) {
   Server::Options options;
   options.threads = 1;
   options.maxQueuedConnections = 1;
-  startWith(options);
-  module_->setGate(true);
+  start(options);
+  module->setGate(true);
   auto busy = getAsync("/Pages");  // holds the only thread
-  ASSERT_TRUE(module_->waitInside(1));
-  int queued = connectTo(server_->port());
-  EXPECT_EQ("HTTP/1.1 503 Service Unavailable\nService unavailable: 1 connections already wait for a thread (limit "
-            "maxQueuedConnections = 1)\n",
-            exchange(server_->port(), "GET / HTTP/1.1\r\n\r\n"));
-  module_->setGate(false);
+  ASSERT_TRUE(module->waitInside(1));
+  const int queued = connectTo(server->port());
+  EXPECT_EQ(
+      "HTTP/1.1 503 Service Unavailable\nService unavailable: 1 connections already wait for a thread (limit "
+      "maxQueuedConnections = 1)\n",
+      exchange(server->port(), "GET / HTTP/1.1\r\n\r\n"));
+  module->setGate(false);
   auto res = busy.get();
   ASSERT_TRUE(res);
   EXPECT_EQ(200, res->status);
   ::close(queued);
-}
-
-TEST(HttpStatusServerTest, PortInUseIsAClearError) {
-  auto broker = RX::RXBroker::create("b");
-  Server first(broker, "127.0.0.1", 0);
-  first.start();
-  Server second(broker, "127.0.0.1", first.port());
-  std::string error = "a second server bound the same port";
-  try {
-    second.start();
-  } catch (const std::runtime_error& e) {
-    error = e.what();
-  }
-  EXPECT_EQ(0u, error.find("cannot serve HTTP on 127.0.0.1:" + std::to_string(first.port()) + ": ")) << error;
-  first.stop();
-  broker->shutdown();
 }
 
 }  // namespace

@@ -28,18 +28,16 @@ class SlowModule : public RX::RXModule {
   Recorder events;
 };
 
+// Both sides' queues towards the subscriber hold kCap posts.
+template <class Options>
+Options capped() {
+  Options options;
+  options.queueCapacity = kCap;
+  return options;
+}
+
 class SlowSubscriber : public ::testing::TestWithParam<std::string> {
  protected:
-  static RX::RXBroker::Options capped() {
-    RX::RXBroker::Options options;
-    options.queueCapacity = kCap;
-    return options;
-  }
-  static net::ClientSession::Options cappedClient() {
-    net::ClientSession::Options options;
-    options.queueCapacity = kCap;
-    return options;
-  }
   void TearDown() override {
     if (slow->released.wait_for(0s) != std::future_status::ready)
       slow->release.set_value();  // after a failure
@@ -49,8 +47,8 @@ class SlowSubscriber : public ::testing::TestWithParam<std::string> {
     return broker->droppedCounts()["Slow"] + client.session->droppedCounts()["Slow"];
   }
 
-  BrokerSide side{listenAddress(GetParam()), net::Server::Options(), "testbroker", capped()};
-  ClientSide client{side.endpoint, cappedClient()};
+  BrokerSide side{listenAddress(GetParam()), {}, "testbroker", capped<RX::RXBroker::Options>()};
+  ClientSide client{side.endpoint, capped<net::ClientSession::Options>()};
   boost::shared_ptr<SlowModule> slow = boost::make_shared<SlowModule>(client.broker);
   boost::shared_ptr<RX::RXBroker>& broker = side.broker;
 };

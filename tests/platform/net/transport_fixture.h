@@ -1,7 +1,7 @@
 // Shared pieces of the transport tests: test modules, a broker serving one
-// over a real socket with a client process part (a ClientSession, a client
-// broker and a client module) in the same test process, and raw connections
-// that speak the protocol by hand.
+// over a real socket, a client process part (a ClientSession, a client broker
+// and a client module) in the same test process, and raw connections that
+// speak the protocol by hand.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,15 +10,10 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <future>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "codec_util.h"
 #include "mz/object.h"
-#include "mz/session.h"
 #include "net/clientsession.h"
 #include "net/connection.h"
 #include "net/remoteobject.h"
@@ -28,11 +23,12 @@
 #include "rx/rxerror.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
-#include "support/wait.h"
+#include "support/capture.h"
 
 namespace nettest {
 
 using namespace std::chrono_literals;
+using testsupport::errorOf;
 using testsupport::kWait;
 using Recorder = testsupport::Collector<RX::RXValue>;
 
@@ -121,8 +117,7 @@ class CalcModule : public RX::RXModule {
 // The client's module, registered at the broker through the client session.
 class ToolModule : public RX::RXModule {
  public:
-  explicit ToolModule(boost::shared_ptr<RX::RXBroker> broker, const std::string& name = "Tool")
-      : RX::RXModule(broker, name) {
+  explicit ToolModule(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Tool") {
     advertise(this, "subscribe", &ToolModule::subscribe);
     advertise(this, "onEvent", &ToolModule::onEvent);
     advertise(this, "askBroker", &ToolModule::askBroker);
@@ -130,14 +125,11 @@ class ToolModule : public RX::RXModule {
     advertiseSignal("beeped", &beeped);
   }
 
-  RX::RXValue subscribe(const RX::RXValue& name) {
-    subscribed.add(name);
-    return RX::RXValue("subscribed " + name.toString(0));
-  }
+  RX::RXValue subscribe(const RX::RXValue& name) { return RX::RXValue("subscribed " + name.toString(0)); }
   void onEvent(const std::string&, const RX::RXValue& value, const RX::RXValue&) { events.add(value); }
   // A subscriber callback that calls the broker, which calls this client back.
   void onRelay(const std::string&, const RX::RXValue& value, const RX::RXValue&) {
-    events.add(getParentBroker()->getProxy("Calc")->call<RX::RXValue>("callClient", std::string(getName()),
+    events.add(getParentBroker()->getProxy("Calc")->call<RX::RXValue>("callClient", std::string("Tool"),
                                                                       std::string("subscribe"), value));
   }
   RX::RXValue askBroker(const RX::RXValue& a) {
@@ -145,7 +137,6 @@ class ToolModule : public RX::RXModule {
   }
 
   mz::SignalF<void(mz::AnyValue)> beeped;
-  Recorder subscribed;
   Recorder events;
 };
 
@@ -161,13 +152,11 @@ inline ::testing::AssertionResult receivedInOrder(Recorder& r, int n) {
   return ::testing::AssertionSuccess();
 }
 
-inline std::string uniqueSocketPath(const std::string& tag) {
-  static std::atomic<int> counter{0};
-  return "/tmp/rxnet-" + tag + "-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".sock";
-}
-
+// A free TCP port, or a new Unix socket path for "unix".
 inline std::string listenAddress(const std::string& kind) {
-  return kind == "unix" ? "unix://" + uniqueSocketPath("t") : "tcp://127.0.0.1:0";
+  static std::atomic<int> counter{0};
+  if (kind != "unix") return "tcp://127.0.0.1:0";
+  return "unix:///tmp/rxnet-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".sock";
 }
 
 // A broker serving Calc on `listen`, stopped when it goes.
@@ -211,18 +200,6 @@ struct ClientSide {
   std::shared_ptr<net::ClientSession> session;
   boost::shared_ptr<RX::RXBroker> broker;
   boost::shared_ptr<ToolModule> tool;
-};
-
-// A broker serving Calc over TCP or Unix sockets, and a client serving Tool.
-class TransportFixture : public ::testing::TestWithParam<std::string> {
- protected:
-  BrokerSide side{listenAddress(GetParam())};
-  ClientSide client{side.endpoint};
-  boost::shared_ptr<RX::RXBroker>& broker = side.broker;
-  boost::shared_ptr<CalcModule>& calc = side.calc;
-  std::shared_ptr<net::ClientSession>& session = client.session;
-  boost::shared_ptr<RX::RXBroker>& clientBroker = client.broker;
-  boost::shared_ptr<ToolModule>& tool = client.tool;
 };
 
 // ---- Raw connections: the protocol spoken by hand ----

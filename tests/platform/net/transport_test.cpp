@@ -10,10 +10,16 @@
 namespace nettest {
 namespace {
 
-class Transport : public TransportFixture {};
+class Transport : public ::testing::TestWithParam<std::string> {
+ protected:
+  BrokerSide side{listenAddress(GetParam())};
+  ClientSide client{side.endpoint};
+  boost::shared_ptr<RX::RXBroker>& broker = side.broker;
+  std::shared_ptr<net::ClientSession>& session = client.session;
+  boost::shared_ptr<RX::RXProxy> calc = client.broker->getProxy("Calc");
+};
 
-TEST_P(Transport, CallsCarryValuesAndPickTheOverloadByArgumentKinds) {
-  boost::shared_ptr<RX::RXProxy> calc = clientBroker->getProxy("Calc");
+TEST_P(Transport, CallsCarryValuesAndErrorsAndPickTheOverloadByArgumentKinds) {
   RX::RXValue nested = RX::RXValue::array(0);
   nested.arrayPush(RX::RXValue(RX::RXValue::Binary{0, 1, 255}));
   nested.arrayPush(RX::RXValue(std::vector<std::string>{"p", "q"}));
@@ -34,10 +40,6 @@ TEST_P(Transport, CallsCarryValuesAndPickTheOverloadByArgumentKinds) {
     EXPECT_EQ("value", calc->call<std::string>("kind", true));
     EXPECT_EQ("value", calc->call<std::string>("kind", nested));
   }
-}
-
-TEST_P(Transport, CallsCarryErrorsWhole) {
-  boost::shared_ptr<RX::RXProxy> calc = clientBroker->getProxy("Calc");
   // An RXError keeps its module, method, message, and where it was raised.
   try {
     calc->call<void>("failRX", std::string("Data not found foo"));
@@ -61,7 +63,7 @@ TEST_P(Transport, CallsCarryErrorsWhole) {
       errorOf([&] { calc->call<void>("getPtr"); }));
   // Arguments that cannot travel fail in the caller and leave the link usable.
   int local = 0;
-  EXPECT_NE("(no error)", errorOf([&] {
+  EXPECT_NE("(no exception)", errorOf([&] {
               calc->genericCall("echo", {mz::AnyValue::fromOther(static_cast<void*>(&local))});
             }));
   EXPECT_EQ(5, calc->call<int>("add", 2, 3));
@@ -71,30 +73,29 @@ TEST_P(Transport, CallsCarryErrorsWhole) {
 
 TEST_P(Transport, PostsKeepTheirOrderBothWays) {
   const int kPosts = 1000;
-  boost::shared_ptr<RX::RXProxy> remoteCalc = clientBroker->getProxy("Calc");
-  for (int i = 0; i < kPosts; ++i) remoteCalc->genericPost("record", {mz::AnyValue(i)});
-  EXPECT_TRUE(receivedInOrder(calc->recorded, kPosts));
+  for (int i = 0; i < kPosts; ++i) calc->genericPost("record", {mz::AnyValue(i)});
+  EXPECT_TRUE(receivedInOrder(side.calc->recorded, kPosts));
   // A post that can never run is dropped (and logged), as it would be locally:
   // posters take an exception for "the target has gone" only.
-  EXPECT_EQ("(no error)", errorOf([&] { remoteCalc->genericPost("nope", {}); }));
+  EXPECT_EQ("(no exception)", errorOf([&] { calc->genericPost("nope", {}); }));
 
   boost::shared_ptr<RX::RXProxy> remoteTool = broker->getProxy("Tool");
   std::pair<int, int> notifyState{0, 0};
   for (int i = 0; i < kPosts; ++i)
     remoteTool->pCallNotify("onEvent", "key", RX::RXValue(i), RX::RXValue("msg"), &notifyState);
   EXPECT_EQ(kPosts, notifyState.first);
-  EXPECT_TRUE(receivedInOrder(tool->events, kPosts));
+  EXPECT_TRUE(receivedInOrder(client.tool->events, kPosts));
 }
 
 TEST_P(Transport, FindServicesByName) {
-  EXPECT_EQ("Module not found: Nope", errorOf([&] { clientBroker->getProxy("Nope"); }));
+  EXPECT_EQ("Module not found: Nope", errorOf([&] { client.broker->getProxy("Nope"); }));
   EXPECT_EQ("Service not found: Nope", session->service("Nope").error());
-  mz::AnyObject calc = session->service("Calc").value();
-  EXPECT_EQ("Test module of the transport.", calc.metaObject().description);
-  ASSERT_EQ(1u, calc.findMethod("getPtr").size());
-  EXPECT_EQ(4, calc.findMethod("getPtr")[0].mask);
-  EXPECT_EQ(5u, calc.findMethod("kind").size());
-  EXPECT_EQ(0, calc.signalId("ticked"));
+  mz::AnyObject remote = session->service("Calc").value();
+  EXPECT_EQ("Test module of the transport.", remote.metaObject().description);
+  ASSERT_EQ(1u, remote.findMethod("getPtr").size());
+  EXPECT_EQ(4, remote.findMethod("getPtr")[0].mask);
+  EXPECT_EQ(5u, remote.findMethod("kind").size());
+  EXPECT_EQ(0, remote.signalId("ticked"));
   // Both directories, with the broker's ids; local names are not repeated.
   std::vector<std::string> names;
   for (const auto& s : session->services()) names.push_back(s.name);
@@ -117,21 +118,20 @@ TEST_P(Transport, FindServicesByName) {
 }
 
 TEST_P(Transport, ObjectReferencesTravelBothWaysAndAreReleased) {
-  boost::shared_ptr<RX::RXProxy> remote = clientBroker->getProxy("Calc");
   std::future<void> destroyed;
   {
-    mz::AnyObject counter = remote->call<mz::AnyObject>("makeCounter");
-    destroyed = calc->lastCounter()->destroyed.get_future();
+    mz::AnyObject counter = calc->call<mz::AnyObject>("makeCounter");
+    destroyed = side.calc->lastCounter()->destroyed.get_future();
     // Its catalogue did not come with it: it is asked for on first use.
     EXPECT_EQ(0, counter.signalId("changed"));
     Recorder changes;
     mz::SignalLink link =
         counter.connect("changed", [&](mz::AnyValue v) { changes.add(v.toRXValue()); }).value();
-    calc->lastCounter()->changed(mz::AnyValue(0));
-    calc->lastCounter()->changed(mz::AnyValue(1));
+    side.calc->lastCounter()->changed(mz::AnyValue(0));
+    side.calc->lastCounter()->changed(mz::AnyValue(1));
     EXPECT_TRUE(receivedInOrder(changes, 2));
     // Handed back, the reference is the broker's own object again.
-    EXPECT_TRUE(remote->call<bool>("isCounter", counter));
+    EXPECT_TRUE(calc->call<bool>("isCounter", counter));
     counter.disconnect(link).waitAndCheck();
   }
   EXPECT_EQ(std::future_status::ready, destroyed.wait_for(kWait)) << "the broker still holds the Counter";
@@ -146,41 +146,40 @@ TEST_P(Transport, SignalsAreFollowedAndEmittedBothWays) {
     mz::AnyObject remote;                     // the other process's handle to the object
     const char* signalName;
     bool emitWaits;  // for the signal to have run
-  } sides[] = {{"Calc", calc->ticked, session->service("Calc").value(), "ticked", true},
-               {"Tool", tool->beeped, broker->session()->service("Tool").value(), "beeped", false}};
-  for (Side& side : sides) {
-    SCOPED_TRACE(side.name);
+  } sides[] = {{"Calc", side.calc->ticked, session->service("Calc").value(), "ticked", true},
+               {"Tool", client.tool->beeped, broker->session()->service("Tool").value(), "beeped", false}};
+  for (Side& s : sides) {
+    SCOPED_TRACE(s.name);
     Recorder first, second, local;
     const mz::SignalLink link =
-        side.remote.connect(side.signalName, [&](mz::AnyValue v) { first.add(v.toRXValue()); }).value();
-    EXPECT_EQ(1u, side.signal.subscriberCount());
-    for (int i = 0; i < 100; ++i) side.signal(mz::AnyValue(i));
+        s.remote.connect(s.signalName, [&](mz::AnyValue v) { first.add(v.toRXValue()); }).value();
+    EXPECT_EQ(1u, s.signal.subscriberCount());
+    for (int i = 0; i < 100; ++i) s.signal(mz::AnyValue(i));
     EXPECT_TRUE(receivedInOrder(first, 100));
-    side.remote.disconnect(link).waitAndCheck();
-    EXPECT_EQ(0u, side.signal.subscriberCount()) << "the object still forwards to the other process";
+    s.remote.disconnect(link).waitAndCheck();
+    EXPECT_EQ(0u, s.signal.subscriberCount()) << "the object still forwards to the other process";
     const mz::SignalLink link2 =
-        side.remote.connect(side.signalName, [&](mz::AnyValue v) { second.add(v.toRXValue()); }).value();
+        s.remote.connect(s.signalName, [&](mz::AnyValue v) { second.add(v.toRXValue()); }).value();
     // Emitting through the handle runs the object's signal in its own process;
     // that emission comes back to the handle's subscriber.
-    const mz::SignalLink direct = side.signal.connect([&](mz::AnyValue v) { local.add(v.toRXValue()); });
-    side.remote.emit(side.signalName, {mz::AnyValue(77)});
-    EXPECT_TRUE(!side.emitWaits || local.size() == 1u) << "emit returned before the signal ran";
+    const mz::SignalLink direct = s.signal.connect([&](mz::AnyValue v) { local.add(v.toRXValue()); });
+    s.remote.emit(s.signalName, {mz::AnyValue(77)});
+    EXPECT_TRUE(!s.emitWaits || local.size() == 1u) << "emit returned before the signal ran";
     ASSERT_TRUE(local.waitFor(1) && second.waitFor(1));
     EXPECT_EQ(77, local.items()[0].toInt());
     EXPECT_EQ(77, second.items()[0].toInt());
     EXPECT_EQ(100u, first.size()) << "a disconnected subscriber was called";
-    side.signal.disconnect(direct);
-    EXPECT_EQ(std::string(side.name) + ": no signal named nope",
-              errorOf([&] { side.remote.emit("nope", {mz::AnyValue(1)}); }));
-    EXPECT_NE("", side.remote.connect("nope", [](mz::AnyValue) {}).error());
-    side.remote.disconnect(link2).waitAndCheck();
+    s.signal.disconnect(direct);
+    EXPECT_EQ(std::string(s.name) + ": no signal named nope",
+              errorOf([&] { s.remote.emit("nope", {mz::AnyValue(1)}); }));
+    EXPECT_NE("", s.remote.connect("nope", [](mz::AnyValue) {}).error());
+    s.remote.disconnect(link2).waitAndCheck();
   }
 }
 
 TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
   // The extractor case: the client waits in Calc.callClient while the broker
   // calls the client's Tool.subscribe, whose reply the broker must read.
-  boost::shared_ptr<RX::RXProxy> calc = clientBroker->getProxy("Calc");
   const auto callClient = [&](const std::string& method, const RX::RXValue& argument) {
     return calc->call<RX::RXValue>("callClient", std::string("Tool"), method, argument);
   };
@@ -203,9 +202,9 @@ TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
   std::pair<int, int> notifyState{0, 0};
   for (int i = 0; i < 3; ++i)
     broker->getProxy("Tool")->pCallNotify("onRelay", "key", RX::RXValue(i), RX::RXValue(""), &notifyState);
-  ASSERT_TRUE(tool->events.waitFor(3)) << "a callback calling the broker stalled its own client";
+  ASSERT_TRUE(client.tool->events.waitFor(3)) << "a callback calling the broker stalled its own client";
   for (int i = 0; i < 3; ++i)
-    EXPECT_EQ("subscribed " + std::to_string(i), tool->events.items()[i].toString(0));
+    EXPECT_EQ("subscribed " + std::to_string(i), client.tool->events.items()[i].toString(0));
 }
 
 INSTANTIATE_TEST_SUITE_P(Net, Transport, ::testing::Values("tcp", "unix"));

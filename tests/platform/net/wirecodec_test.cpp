@@ -1,19 +1,18 @@
-// The wire codec: values and frames to bytes and back, limits, and how the
-// frame decoder copes with split, merged and malformed frames.
+// The wire codec from the msgpack bytes up: the exact bytes of every form,
+// values and frames to bytes and back, the exact errors of malformed input and
+// of each limit, and how the frame decoder copes with split, merged and
+// malformed frames.
 #include "net/wirecodec.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "codec_util.h"
 #include "mz/object.h"
+#include "support/capture.h"
 
 namespace nettest {
 namespace {
@@ -22,11 +21,14 @@ using net::DecodeError;
 using net::FrameDecoder;
 using net::Limits;
 using net::MessageKind;
+using net::MsgpackReader;
+using net::MsgpackWriter;
 using RX::RXValue;
+using testsupport::errorOf;
 
 std::string encoded(const RXValue& v, const net::ObjectEncoder& objects = {}) {
   std::string out;
-  net::MsgpackWriter<std::string> w(out);
+  MsgpackWriter<std::string> w(out);
   net::encodeValue(v, w, objects);
   return out;
 }
@@ -47,7 +49,7 @@ std::string decoded(const std::string& data, const Limits& limits = Limits(),
 
 std::string f64(double d) {
   std::string out;
-  net::MsgpackWriter<std::string>(out).writeDouble(d);
+  MsgpackWriter<std::string>(out).writeDouble(d);
   return out;
 }
 
@@ -62,8 +64,9 @@ std::string frame(MessageKind kind, std::uint32_t requestId, std::vector<RXValue
 }
 
 // Drains the decoder: messages as "kind/requestId: field field", errors as
-// "error: text"; at most 10 lines, so that a decoder stuck on an error cannot
-// loop forever.
+// "error kind/requestId: text" (or "error: text" when the request is not
+// known); at most 10 lines, so that a decoder stuck on an error cannot loop
+// forever. A fatal error ends the stream.
 std::vector<std::string> drain(FrameDecoder& decoder) {
   std::vector<std::string> out;
   while (out.size() < 10) {
@@ -73,7 +76,9 @@ std::vector<std::string> drain(FrameDecoder& decoder) {
       out.push_back(std::to_string(m->kind) + "/" + std::to_string(m->requestId) + ":");
       for (const RXValue& f : m->fields) out.back() += " " + f.toString();
     } catch (const DecodeError& e) {
-      out.push_back(std::string("error: ") + e.what());
+      const std::string kind = e.kind() ? std::to_string(*e.kind()) : "?";
+      out.push_back("error" + (e.requestId() ? " " + kind + "/" + std::to_string(*e.requestId()) : "") +
+                    ": " + e.what());
       if (e.fatal()) break;
     }
   }
@@ -92,32 +97,124 @@ RXValue nested(int levels) {
   return v;
 }
 
+TEST(Msgpack, IntsTakeTheSmallestFormAndReadBack) {
+  // clang-format off
+  const std::pair<std::int64_t, const char*> ints[] = {
+      {0, "00"}, {127, "7f"}, {128, "cc 80"}, {255, "cc ff"}, {256, "cd 01 00"}, {65535, "cd ff ff"},
+      {65536, "ce 00 01 00 00"}, {UINT32_MAX, "ce ff ff ff ff"}, {INT64_C(1) << 32, "cf 00 00 00 01 00 00 00 00"},
+      {INT64_MAX, "cf 7f ff ff ff ff ff ff ff"}, {-1, "ff"}, {-32, "e0"}, {-33, "d0 df"}, {-128, "d0 80"},
+      {-129, "d1 ff 7f"}, {-32768, "d1 80 00"}, {-32769, "d2 ff ff 7f ff"}, {INT32_MIN, "d2 80 00 00 00"},
+      {std::int64_t{INT32_MIN} - 1, "d3 ff ff ff ff 7f ff ff ff"}, {INT64_MIN, "d3 80 00 00 00 00 00 00 00"}};
+  // clang-format on
+  for (const auto& [value, bytes] : ints) {
+    std::string out;
+    MsgpackWriter<std::string>(out).writeInt(value);
+    EXPECT_EQ(bytes, hex(out)) << value;
+    MsgpackReader r(out.data(), out.size());
+    EXPECT_EQ(value, r.readInt()) << bytes;
+    EXPECT_TRUE(r.atEnd()) << bytes;
+  }
+  std::string out;
+  MsgpackWriter<std::string>(out).writeUInt(UINT64_MAX);
+  EXPECT_EQ("cf ff ff ff ff ff ff ff ff", hex(out));
+  // Non-minimal forms that other encoders may produce are read too.
+  out += out + unhex("cd 00 05 d3 ff ff ff ff ff ff ff fe");
+  MsgpackReader r(out.data(), out.size());
+  r.skip();  // beyond INT64_MAX: skip() must not take it for a signed int
+  EXPECT_EQ(UINT64_MAX, r.readUInt());
+  EXPECT_EQ(5u, r.readUInt());
+  EXPECT_EQ(-2, r.readInt());
+}
+
+// What the writer puts before the payload of a str, bin or ext of n bytes, or
+// before n items of an array or n entries of a map; the reader reads it back.
+TEST(Msgpack, LengthHeadersAtEveryBoundary) {
+  const struct {
+    char kind;
+    std::size_t n;
+    const char* header;
+  } rows[] = {// clang-format off
+      {'s', 0, "a0"}, {'s', 31, "bf"}, {'s', 32, "d9 20"}, {'s', 255, "d9 ff"}, {'s', 256, "da 01 00"},
+      {'s', 65536, "db 00 01 00 00"}, {'b', 0, "c4 00"}, {'b', 255, "c4 ff"}, {'b', 256, "c5 01 00"},
+      {'b', 65536, "c6 00 01 00 00"}, {'a', 0, "90"}, {'a', 15, "9f"}, {'a', 16, "dc 00 10"},
+      {'a', 65536, "dd 00 01 00 00"}, {'m', 0, "80"}, {'m', 15, "8f"}, {'m', 16, "de 00 10"},
+      {'m', 65536, "df 00 01 00 00"}, {'e', 0, "c7 00 fe"}, {'e', 1, "d4 fe"}, {'e', 2, "d5 fe"},
+      {'e', 3, "c7 03 fe"}, {'e', 4, "d6 fe"}, {'e', 8, "d7 fe"}, {'e', 16, "d8 fe"},
+      {'e', 256, "c8 01 00 fe"}, {'e', 65536, "c9 00 01 00 00 fe"}};
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(1, row.kind) + std::to_string(row.n));
+    const bool counted = row.kind == 'a' || row.kind == 'm';
+    const std::string payload(row.kind == 'm' ? 2 * row.n : row.n, '\x01');  // ints 1 for the items
+    std::string out;
+    MsgpackWriter<std::string> w(out);
+    if (row.kind == 's') w.writeStr(payload);
+    if (row.kind == 'b') w.writeBin(payload.data(), row.n);
+    if (row.kind == 'a') w.writeArrayHeader(row.n);
+    if (row.kind == 'm') w.writeMapHeader(row.n);
+    if (row.kind == 'e') w.writeExt(-2, payload.data(), row.n);
+    EXPECT_EQ(row.header, hex(out.substr(0, out.size() - (counted ? 0 : row.n))));
+    if (counted) out += payload;
+    MsgpackReader r(out.data(), out.size());
+    r.skip();
+    EXPECT_TRUE(r.atEnd()) << "the reader took " << r.position() << " of " << out.size() << " bytes";
+  }
+}
+
+TEST(Msgpack, ErrorsArePreciseAndLeaveTheCursor) {
+  std::string data = unhex("cf ff ff ff ff ff ff ff ff d3 ff ff ff ff ff ff ff fe");
+  MsgpackReader ints(data.data(), data.size());
+  EXPECT_EQ("int out of 64-bit range: 18446744073709551615", errorOf([&] { (void)ints.readInt(); }));
+  EXPECT_EQ("expected bool, got int", errorOf([&] { (void)ints.readBool(); }));
+  EXPECT_EQ(UINT64_MAX, ints.readUInt());
+  EXPECT_EQ("expected an unsigned int, got -2", errorOf([&] { (void)ints.readUInt(); }));
+  EXPECT_EQ("expected map, got int", errorOf([&] { (void)ints.readMapHeader(); }));
+  EXPECT_EQ(9u, ints.position());
+  // Each row: bytes, then `zeros` zero bytes, and the error of skipping them.
+  const struct {
+    const char* bytes;
+    std::size_t zeros;
+    const char* error;
+  } rows[] = {
+      {"", 0, "truncated input: need 1 byte, 0 left"},
+      {"c1", 0, "invalid msgpack byte 0xc1"},
+      {"d2 01 02", 0, "truncated int: need 4 bytes, 2 left"},
+      {"d9 c8", 12, "truncated str: need 200 bytes, 12 left"},
+      {"da 01", 0, "truncated str length: need 2 bytes, 1 left"},
+      {"c4 03 01 02", 0, "truncated bin: need 3 bytes, 2 left"},
+      {"cb", 7, "truncated float: need 8 bytes, 7 left"},
+      {"d7 01", 7, "truncated ext: need 9 bytes, 8 left"},
+      // Counts the bytes left cannot hold are refused before anyone reserves memory for them.
+      {"dc 03 e8", 12, "truncated array: 1000 elements need at least 1000 bytes, 12 left"},
+      {"dd ff ff ff ff", 0, "truncated array: 4294967295 elements need at least 4294967295 bytes, 0 left"},
+      {"85", 9, "truncated map: 5 entries need at least 10 bytes, 9 left"},
+      {"92 01 a5 61", 0, "truncated str: need 5 bytes, 1 left"},  // inside a container
+      {"81 a1 6b 81 a1 6a 90", 0, "nesting depth 3 exceeds maxDepth 2"},
+  };
+  for (const auto& row : rows) {
+    data = unhex(row.bytes) + std::string(row.zeros, '\0');
+    MsgpackReader r(data.data(), data.size());
+    EXPECT_EQ(row.error, errorOf([&] { r.skip(2); }));
+    EXPECT_EQ(0u, r.position()) << row.error;
+  }
+}
+
 TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTrips) {
-  EXPECT_EQ("98 05 a1 61 c0 c3 ff d2 80 00 00 00 ca 3f c0 00 00 c4 02 00 ff",
-            hex(encoded(array({RXValue(5), RXValue("a"), RXValue(), RXValue(true), RXValue(-1),
-                               RXValue(INT32_MIN), RXValue(1.5f), RXValue(RXValue::Binary{0x00, 0xff})}))));
+  const RXValue kinds = array({RXValue(5), RXValue("a"), RXValue(), RXValue(true), RXValue(-1),
+                               RXValue(INT32_MIN), RXValue(1.5f), RXValue(RXValue::Binary{0x00, 0xff})});
+  EXPECT_EQ("98 05 a1 61 c0 c3 ff d2 80 00 00 00 ca 3f c0 00 00 c4 02 00 ff", hex(encoded(kinds)));
   // [version 1, Call, requestId 7, 5]
   EXPECT_EQ("00 00 00 05 94 01 03 07 05", hex(frame(MessageKind::Call, 7, {RXValue(5)})));
   EXPECT_EQ("00 00 00 08 93 01 0f ce 00 01 00 00", hex(frame(MessageKind::Ping, 65536)));
   RXValue::Binary blob(70000);
   for (std::size_t i = 0; i < blob.size(); ++i) blob[i] = static_cast<unsigned char>(i * 31);
-  const RXValue values[] = {
-      RXValue(),
-      RXValue(false),
-      RXValue(0),
-      RXValue(128),
-      RXValue(-33),
-      RXValue(65536),
-      RXValue(INT32_MAX),
-      RXValue(-2.5f),
-      RXValue(""),
-      RXValue(std::string("a\0b", 3)),
-      RXValue(std::string(100000, 'z')),
-      RXValue(RXValue::Binary{}),
-      RXValue(blob),
-      RXValue::array(0),
-      nested(32),
-      array({RXValue(1), array({RXValue(3.0f), RXValue(), array({})}), RXValue("two")})};
+  // Back as sent, type included, with the sizes and nestings that change a form.
+  const RXValue values[] = {kinds,
+                            array({RXValue(false), RXValue(""), RXValue(RXValue::Binary{}), array({})}),
+                            RXValue(std::string("a\0b", 3)),
+                            RXValue(std::string(100000, 'z')),
+                            RXValue(blob),
+                            nested(32)};
   for (const RXValue& v : values) {
     const std::string wire = encoded(v);
     const RXValue back = net::decodeValue(wire.data(), wire.size(), Limits(), {});
@@ -209,10 +306,9 @@ TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
   EXPECT_EQ("error: object reference 5: no such object",
             decoded(unhex("d7 01 00 00 00 00 00 00 00 05"), {}, fromId));
   EXPECT_EQ("error: unknown object reference 8", decoded(unhex("d7 01 00 00 00 00 00 00 00 08"), {}, fromId));
-
   // Without an encoder an object cannot be sent; the buffer keeps what it had.
   std::string out = "prefix";
-  net::MsgpackWriter<std::string> w(out);
+  MsgpackWriter<std::string> w(out);
   EXPECT_THROW(net::encodeValue(array({RXValue(1), RXValue(a)}), w), net::EncodeError);
   EXPECT_EQ("prefix", out);
   net::Message m;
@@ -246,46 +342,29 @@ TEST(FrameDecoder, FramesSplitAtEveryByteBoundary) {
   EXPECT_THROW(d.commit(1u << 30), std::out_of_range) << "committed beyond the room prepared";
 }
 
-TEST(FrameDecoder, MalformedFrameFailsAloneAndTheStreamGoesOn) {
-  const struct {
-    std::string body;
-    const char* error;
-    bool requestKnown;  // then it is 9, of kind 3
-  } cases[] = {
-      {unhex("94 01 03 09 a5 61 62"), "truncated str: need 5 bytes, 2 left", true},
-      {unhex("95 01 03 09 01"), "truncated array: 5 elements need at least 5 bytes, 4 left", false},
-      {unhex("94 02 03 09 01"), "unsupported protocol version 2 (expected 1)", true},
-      {unhex("94 01 03 09 81 01 02"), "maps are not values", true},
-      {unhex("93 01 03 09 00"), "trailing bytes after the message: 1", true},
-      {unhex("92 01 03"), "message has 2 items, need at least 3 (version, kind, requestId)", false},
-      {unhex("93 01 cd 01 00 09"), "message kind out of range: 256", false},
-      {unhex("93 01 03 cf 00 00 00 01 00 00 00 00"), "requestId out of range: 4294967296", false},
-      {unhex("81 01 02"), "expected array, got map", false},
-      {"", "truncated input: need 1 byte, 0 left", false},
+// A malformed frame fails alone, naming its request when it can be read, and
+// the next frame is decoded; a length over maxFrameBytes ends the stream.
+TEST(FrameDecoder, MalformedFramesFailAloneAndAnOversizedLengthIsFatal) {
+  const std::pair<std::string, const char*> cases[] = {
+      {unhex("94 01 03 09 a5 61 62"), "error 3/9: truncated str: need 5 bytes, 2 left"},
+      {unhex("95 01 03 09 01"), "error: truncated array: 5 elements need at least 5 bytes, 4 left"},
+      {unhex("94 02 03 09 01"), "error 3/9: unsupported protocol version 2 (expected 1)"},
+      {unhex("94 01 03 09 81 01 02"), "error 3/9: maps are not values"},
+      {unhex("93 01 03 09 00"), "error 3/9: trailing bytes after the message: 1"},
+      {unhex("92 01 03"), "error: message has 2 items, need at least 3 (version, kind, requestId)"},
+      {unhex("93 01 cd 01 00 09"), "error: message kind out of range: 256"},
+      {unhex("93 01 03 cf 00 00 00 01 00 00 00 00"), "error: requestId out of range: 4294967296"},
+      {unhex("81 01 02"), "error: expected array, got map"},
+      {"", "error: truncated input: need 1 byte, 0 left"},
   };
   const std::string before = frame(MessageKind::Call, 1, {RXValue("before")});
   const std::string after = frame(MessageKind::Call, 2, {RXValue("after")});
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.error);
-    const std::string stream =
-        before + std::string{0, 0, 0, static_cast<char>(c.body.size())} + c.body + after;
+  for (const auto& [body, error] : cases) {
+    const std::string stream = before + std::string{0, 0, 0, static_cast<char>(body.size())} + body + after;
     FrameDecoder d;
     d.feed(stream.data(), stream.size());
-    (void)d.next();
-    try {
-      (void)d.next();
-      ADD_FAILURE() << "no error";
-    } catch (const DecodeError& e) {
-      EXPECT_EQ(c.error, std::string(e.what()));
-      EXPECT_FALSE(e.fatal());
-      EXPECT_EQ(c.requestKnown ? std::optional<std::uint32_t>(9) : std::nullopt, e.requestId());
-      if (c.requestKnown) EXPECT_EQ(std::optional<std::uint8_t>(3), e.kind());
-    }
-    EXPECT_EQ(std::vector<std::string>{"3/2: \"after\""}, drain(d));
+    EXPECT_EQ((std::vector<std::string>{"3/1: \"before\"", error, "3/2: \"after\""}), drain(d));
   }
-}
-
-TEST(FrameDecoder, OversizedLengthIsFatal) {
   Limits limits;
   limits.maxFrameBytes = 100;
   FrameDecoder d(limits);
