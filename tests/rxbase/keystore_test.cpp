@@ -51,7 +51,7 @@ TEST_F(KeyStoreTest, ErrorsNameTheMethodAndTheKey) {
       {[&] { memory->unsubscribeToEvent("d", "Bar"); }, "UnsubscribeToMicroEvent|Bar is not subscribed to d"},
       {[&] { memory->setDescription("x", "text"); }, "setDescription|x not found"},
       {[&] {
-         (void)memory->getDescriptionList({"d", "zz"});
+         (void)memory->getDescriptionList(Names{"d", "zz"});
        },
        "getDescriptionList|zz not found"},
   };
