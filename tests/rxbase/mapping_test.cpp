@@ -12,34 +12,6 @@
 namespace rxtest {
 namespace {
 
-using ParseTest = MemoryTest;
-
-TEST_F(ParseTest, LinesOfTheMapFile) {
-  auto parse = [&](const std::string& line) {
-    std::string service, signal, event;
-    if (!memory->_parseEventFromLine(line, service, signal, event)) return std::string("rejected");
-    return service + "|" + signal + "|" + event;
-  };
-  const std::pair<const char*, const char*> cases[] = {
-      {"Battery.levelChanged: BatteryLevel # from the battery service", "Battery|levelChanged|BatteryLevel"},
-      {"Audio Mixer . volume Changed : Mixer/Volume", "AudioMixer|volumeChanged|Mixer/Volume"},
-      {"\tS .\tsig\t: E\t# comment . with : separators\n", "S|sig|E"},
-      {"S.a.b:c:d.e", "S|a.b|c:d.e"},
-      {"Abc.xyz:E", "Abc|xyz|E"},  // a signal as long as its service is fine
-      // Line ends are not part of the event; a lone carriage return is; only spaces and tabs are removed.
-      {"S.sig:E\r\n", "S|sig|E"},
-      {"S.sig:E\n", "S|sig|E"},
-      {"S.sig:E\r", "S|sig|E\r"},
-      {"S.sig:E\v", "S|sig|E\v"},
-  };
-  for (const auto& [line, parsed] : cases) EXPECT_EQ(parsed, parse(line)) << "line \"" << line << "\"";
-  for (const char* line :
-       {"", "\n", "\r\n", "   \t ", "# Battery.levelChanged:BatteryLevel", "#",
-        "Battery.levelChanged:", "Battery.levelChanged: # no event", "Battery.levelChanged BatteryLevel",
-        "NoDot:E", ".sig:E", "S.:E", "Localization.up:Moved", "Srv.ab:E", "S.sig#:E"})
-    EXPECT_EQ("rejected", parse(line)) << "line \"" << line << "\"";
-}
-
 // The memory module is created by each test, with the data path pointing at
 // a temporary directory that may hold a map file.
 class MapFileTest : public MemoryTest {
@@ -65,6 +37,40 @@ class MapFileTest : public MemoryTest {
 
   std::filesystem::path dir;
 };
+
+// Without a map file the memory only warns; each line of one is parsed on its own.
+TEST_F(MapFileTest, MissingFileOnlyWarnsAndLinesAreParsedOneByOne) {
+  LogLines log("rxmemory");
+  startMemoryWithMap("");
+  EXPECT_EQ("warning: Can't not open file rxmemory_map_signal_event.txt", log.items().at(0));
+  EXPECT_EQ((Names{RX::Memory::keyAddedKey, RX::Memory::keyRemovedKey, RX::Memory::keyTypeChanged}),
+            memory->getEventList());
+  EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));
+
+  auto parse = [&](const std::string& line) {
+    std::string service, signal, event;
+    if (!memory->_parseEventFromLine(line, service, signal, event)) return std::string("rejected");
+    return service + "|" + signal + "|" + event;
+  };
+  const std::pair<const char*, const char*> cases[] = {
+      {"Battery.levelChanged: BatteryLevel # from the battery service", "Battery|levelChanged|BatteryLevel"},
+      {"Audio Mixer . volume Changed : Mixer/Volume", "AudioMixer|volumeChanged|Mixer/Volume"},
+      {"\tS .\tsig\t: E\t# comment . with : separators\n", "S|sig|E"},
+      {"S.a.b:c:d.e", "S|a.b|c:d.e"},
+      {"Abc.xyz:E", "Abc|xyz|E"},  // a signal as long as its service is fine
+      // Line ends are not part of the event; a lone carriage return is; only spaces and tabs are removed.
+      {"S.sig:E\r\n", "S|sig|E"},
+      {"S.sig:E\n", "S|sig|E"},
+      {"S.sig:E\r", "S|sig|E\r"},
+      {"S.sig:E\v", "S|sig|E\v"},
+  };
+  for (const auto& [line, parsed] : cases) EXPECT_EQ(parsed, parse(line)) << "line \"" << line << "\"";
+  for (const char* line :
+       {"", "\n", "\r\n", "   \t ", "# Battery.levelChanged:BatteryLevel", "#",
+        "Battery.levelChanged:", "Battery.levelChanged: # no event", "Battery.levelChanged BatteryLevel",
+        "NoDot:E", ".sig:E", "S.:E", "Localization.up:Moved", "Srv.ab:E", "S.sig#:E"})
+    EXPECT_EQ("rejected", parse(line)) << "line \"" << line << "\"";
+}
 
 TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) {
   // 511 characters make one read; the rest of the line is a line of its own.
@@ -125,15 +131,6 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) 
   broker->session()->registerService("Ghost", mz::AnyObject(ghost));
   EXPECT_EQ(2u, ghost->connections("ghostSignal"));
   EXPECT_NO_THROW(services["Battery"]->emit("signalChanged", RXValue(1)));
-}
-
-TEST_F(MapFileTest, MissingMapFileOnlyWarns) {
-  LogLines log("rxmemory");
-  startMemoryWithMap("");
-  EXPECT_EQ("warning: Can't not open file rxmemory_map_signal_event.txt", log.items().at(0));
-  EXPECT_EQ((Names{RX::Memory::keyAddedKey, RX::Memory::keyRemovedKey, RX::Memory::keyTypeChanged}),
-            memory->getEventList());
-  EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));
 }
 
 using MappingTest = MemoryTest;
