@@ -1,15 +1,12 @@
 // The memory's rows for the broker's live view, and its feed of changed keys.
-#include <algorithm>
-
 #include <nlohmann/json.hpp>
 
 #include "memory_test_util.h"
 
-using RX::RXValue;
-
+namespace rxtest {
 namespace {
 
-using LiveViewTest = rxtest::MemoryTest;
+using LiveViewTest = MemoryTest;
 
 TEST_F(LiveViewTest, RowsAreSortedAndShowEveryValueAsText) {
   memory->insertData("b", 1);
@@ -19,7 +16,7 @@ TEST_F(LiveViewTest, RowsAreSortedAndShowEveryValueAsText) {
   memory->insertData("utf", std::string("\xc3\xa9 \xff\xc3"));
   memory->insertData("huge", std::string(5000, 'x'));
   memory->subscribeToEvent("ev", "SomeModule", "onEvent");
-  std::vector<std::string> names;
+  Names names;
   std::map<std::string, nlohmann::json> rows;
   for (nlohmann::json row : nlohmann::json::parse(memory->liveTableJson())) {
     names.push_back(row["name"]);
@@ -32,7 +29,8 @@ TEST_F(LiveViewTest, RowsAreSortedAndShowEveryValueAsText) {
   const std::pair<const char*, const char*> cases[] = {
       {"a", R"({"name":"a","kind":"data","type":"string","value":"\"<script>x</script>\"","description":"",
                "subscribers":[]})"},
-      {"b", R"({"name":"b","kind":"data","type":"int","value":"1","description":"<i>d</i>","subscribers":[]})"},
+      {"b",
+       R"({"name":"b","kind":"data","type":"int","value":"1","description":"<i>d</i>","subscribers":[]})"},
       {"bin", R"({"name":"bin","kind":"data","type":"binary","value":"<binary 3 bytes>","description":"",
                  "subscribers":[],"note":"binary value without its companion keys bin_type and bin_val"})"},
       {"utf", R"({"name":"utf","kind":"data","type":"string","value":"\"\u00e9 \\xFF\\xC3\"","description":"",
@@ -60,10 +58,10 @@ TEST_F(LiveViewTest, FeedReportsWritesRaisesAndRemovalsWhileWatched) {
   memory->raiseEvent("e", RXValue(2));
   memory->insertData("x", 3);  // still pending: kept once, in its first place
   bool overflowed = true;
-  EXPECT_EQ((std::vector<std::string>{"x", "RXMemory/KeyAdded", "e"}), reader->take(overflowed));
+  EXPECT_EQ((Names{"x", "RXMemory/KeyAdded", "e"}), reader->take(overflowed));
   EXPECT_FALSE(overflowed);
   memory->removeData("x");
-  EXPECT_EQ((std::vector<std::string>{"x", "RXMemory/KeyRemoved"}), reader->take(overflowed));
+  EXPECT_EQ((Names{"x", "RXMemory/KeyRemoved"}), reader->take(overflowed));
 
   auto small = feed.open(1);
   memory->insertData("y", 1);  // y, then KeyAdded: one too many
@@ -77,3 +75,4 @@ TEST_F(LiveViewTest, FeedReportsWritesRaisesAndRemovalsWhileWatched) {
 }
 
 }  // namespace
+}  // namespace rxtest

@@ -3,7 +3,6 @@
 // later or again, and the module's teardown.
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,16 +12,46 @@
 namespace rxtest {
 namespace {
 
-class ParseTest : public MemoryTest {
+// The memory module is created by each test, with the data path pointing at
+// a temporary directory that may hold a map file.
+class MapFileTest : public MemoryTest {
  protected:
-  std::string parse(const std::string& line) {
-    std::string service, signal, event;
-    if (!memory->_parseEventFromLine(line, service, signal, event)) return "rejected";
-    return service + "|" + signal + "|" + event;
+  void SetUp() override {
+    startBroker();
+    dir = std::filesystem::temp_directory_path() / ("rxmemory-map-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir / "tavro");
   }
+  void TearDown() override {
+    MemoryTest::TearDown();
+    std::filesystem::remove_all(dir);
+  }
+  void startMemoryWithMap(const std::string& map) {
+    if (!map.empty()) std::ofstream(dir / "tavro" / "rxmemory_map_signal_event.txt", std::ios::binary) << map;
+    const char* previous = std::getenv("RX_DATA_PATH");
+    const std::string saved = previous ? previous : "";
+    ::setenv("RX_DATA_PATH", dir.c_str(), 1);
+    startMemory();
+    previous ? ::setenv("RX_DATA_PATH", saved.c_str(), 1) : ::unsetenv("RX_DATA_PATH");
+  }
+  std::size_t registrationListeners() const { return broker->session()->serviceRegistered.subscriberCount(); }
+
+  std::filesystem::path dir;
 };
 
-TEST_F(ParseTest, LinesOfTheMapFile) {
+// Without a map file the memory only warns; each line of one is parsed on its own.
+TEST_F(MapFileTest, MissingFileOnlyWarnsAndLinesAreParsedOneByOne) {
+  LogLines log("rxmemory");
+  startMemoryWithMap("");
+  EXPECT_EQ("warning: Can't not open file rxmemory_map_signal_event.txt", log.items().at(0));
+  EXPECT_EQ((Names{RX::Memory::keyAddedKey, RX::Memory::keyRemovedKey, RX::Memory::keyTypeChanged}),
+            memory->getEventList());
+  EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));
+
+  auto parse = [&](const std::string& line) {
+    std::string service, signal, event;
+    if (!memory->_parseEventFromLine(line, service, signal, event)) return std::string("rejected");
+    return service + "|" + signal + "|" + event;
+  };
   const std::pair<const char*, const char*> cases[] = {
       {"Battery.levelChanged: BatteryLevel # from the battery service", "Battery|levelChanged|BatteryLevel"},
       {"Audio Mixer . volume Changed : Mixer/Volume", "AudioMixer|volumeChanged|Mixer/Volume"},
@@ -43,68 +72,28 @@ TEST_F(ParseTest, LinesOfTheMapFile) {
     EXPECT_EQ("rejected", parse(line)) << "line \"" << line << "\"";
 }
 
-// Creates the memory module on its own broker, with the data path pointing at
-// a temporary directory that may hold a map file.
-class MapFileTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    static std::atomic<int> counter{0};
-    dir = std::filesystem::temp_directory_path() /
-          ("rxmemory-map-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    std::filesystem::create_directories(dir / "tavro");
-    RX::RXBroker::Options options;
-    options.queueCapacity = 1000000;
-    broker = RX::RXBroker::create("map-broker", options);
-  }
-  void TearDown() override {
-    memory.reset();
-    broker->shutdown();
-    std::filesystem::remove_all(dir);
-  }
-  void createMemory(const std::string& map = "") {
-    if (!map.empty()) std::ofstream(dir / "tavro" / "rxmemory_map_signal_event.txt", std::ios::binary) << map;
-    const char* previous = std::getenv("RX_DATA_PATH");
-    const std::string saved = previous ? previous : "";
-    ::setenv("RX_DATA_PATH", dir.c_str(), 1);
-    const int rc = _createModule(broker);
-    previous ? ::setenv("RX_DATA_PATH", saved.c_str(), 1) : ::unsetenv("RX_DATA_PATH");
-    ASSERT_EQ(0, rc);
-    memory = boost::dynamic_pointer_cast<RX::RXMemory>(broker->getModule("RXMemory"));
-    ASSERT_TRUE(memory);
-  }
-  std::size_t registrationListeners() const { return broker->session()->serviceRegistered.subscriberCount(); }
-
-  std::filesystem::path dir;
-  boost::shared_ptr<RX::RXBroker> broker;
-  boost::shared_ptr<RX::RXMemory> memory;
-};
-
-TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwice) {
+TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) {
   // 511 characters make one read; the rest of the line is a line of its own.
-  const std::string longEvent(499, 'E');
-  const std::string longLine = "Long.signal:" + longEvent + std::string(70, ' ') + "Split.splitSig:Tail";
-  ASSERT_EQ(600u, longLine.size());
-  auto battery = registerFakeService(broker, "Battery", {"levelChanged"});
-  auto mixer = registerFakeService(broker, "AudioMixer", {"volumeChanged"});
+  const std::string longEvent(511 - std::string("Long.signalChanged:").size(), 'E');
+  const std::string longLine =
+      "Long.signalChanged:" + longEvent + std::string(70, ' ') + "Split.signalChanged:Tail";
+  std::map<std::string, std::shared_ptr<FakeService>> services;
+  for (const char* name : {"Battery", "AudioMixer", "Long", "Split"})
+    services[name] = registerFakeService(broker, name, {"signalChanged"});
   auto localization = registerFakeService(broker, "Localization", {"up"});
-  auto longService = registerFakeService(broker, "Long", {"signal"});
-  auto split = registerFakeService(broker, "Split", {"splitSig"});
   const std::size_t listenersBefore = registrationListeners();
-  createMemory(
-      "# services of the test robot\nBattery.levelChanged: BatteryLevel # from the battery service\n"
-      "Audio Mixer . volume Changed : Mixer/Volume\r\n\nLocalization.up:Moved\nBattery.missing:Never\n"
-      "Battery.levelChanged:\nGhost.ghostSig:GhostEvent\n" +
+  startMemoryWithMap(
+      "# services of the test robot\nBattery.signalChanged: BatteryLevel # from the battery service\n"
+      "Audio Mixer . signal Changed : Mixer/Volume\r\n\nLocalization.up:Moved\nBattery.missingSignal:Never\n"
+      "Battery.signalChanged:\nGhost.ghostSignal:GhostEvent\n" +
       longLine + "\n");
   EXPECT_EQ(listenersBefore + 1, registrationListeners());
   // Once when the file's line is read, once more when the map is replayed.
-  EXPECT_EQ("2 2 0 2 2", std::to_string(battery->connections("levelChanged")) + " " +
-                             std::to_string(mixer->connections("volumeChanged")) + " " +
-                             std::to_string(localization->connections("up")) + " " +
-                             std::to_string(longService->connections("signal")) + " " +
-                             std::to_string(split->connections("splitSig")));
+  for (const auto& [name, service] : services) EXPECT_EQ(2u, service->connections("signalChanged")) << name;
+  EXPECT_EQ(0u, localization->connections("up"));
   const Names events = memory->getEventList();
   for (const std::string& e :
-       {std::string("BatteryLevel"), std::string("Mixer/Volume"), longEvent, std::string("Tail")})
+       {std::string("BatteryLevel"), std::string("Mixer/Volume"), longEvent, S("Tail")})
     EXPECT_TRUE(contains(events, e)) << e << " was not declared";
   for (const char* e : {"Moved", "Never", "GhostEvent"}) EXPECT_FALSE(contains(events, e)) << e;
 
@@ -113,54 +102,38 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwice) {
   memory->subscribeToEvent("BatteryLevel", "R", "onEvent");
   SignalLog onSignal;
   memory->subscriber("BatteryLevel")->signal.connect([&](mz::AnyValue v) { onSignal(v); });
-  battery->emit("levelChanged", RXValue(7));
-  EXPECT_EQ("7 MicroEvent",
-            memory->getData("BatteryLevel").toString() + " " + memory->getStrDataType("BatteryLevel"));
+  services["Battery"]->emit("signalChanged", RXValue(7));
+  EXPECT_EQ("7 MicroEvent", values({"BatteryLevel"}) + " " + types({"BatteryLevel"}));
   EXPECT_EQ(0u, memory->getEventHistory("BatteryLevel").getSize()) << "micro-event raises keep no history";
   EXPECT_EQ((Names{"7", "7"}), onSignal.take());
-  drain(memory, r);
+  drain(r);
   EXPECT_EQ((Names{"BatteryLevel=7", "BatteryLevel=7"}), r->keyValues());
 
   // A mapped service that registers later is connected then, and again each time it registers.
   unsigned int ghostId = 0;
-  auto ghost = registerFakeService(broker, "Ghost", {"ghostSig"}, &ghostId);
-  EXPECT_EQ(1u, ghost->connections("ghostSig"));
-  EXPECT_EQ("Event", memory->getStrDataType("GhostEvent"));
+  auto ghost = registerFakeService(broker, "Ghost", {"ghostSignal"}, &ghostId);
+  EXPECT_EQ(1u, ghost->connections("ghostSignal"));
+  EXPECT_EQ("Event", types({"GhostEvent"}));
   ASSERT_TRUE(broker->session()->unregisterService(ghostId));
-  broker->session()->registerService("Ghost", mz::AnyObject(ghost));
-  EXPECT_EQ(2u, ghost->connections("ghostSig"));
-  ghost->emit("ghostSig", RXValue("boo"));
-  EXPECT_EQ("\"boo\"", memory->getData("GhostEvent").toString());
-}
+  ghostId = broker->session()->registerService("Ghost", mz::AnyObject(ghost));
+  EXPECT_EQ(2u, ghost->connections("ghostSignal"));
+  ghost->emit("ghostSignal", RXValue("boo"));
+  EXPECT_EQ("\"boo\"", values({"GhostEvent"}));
 
-TEST_F(MapFileTest, MissingMapFileOnlyWarns) {
-  LogCapture log;
-  createMemory();
-  EXPECT_TRUE(contains(log.items(), "rxmemory|2|Can't not open file rxmemory_map_signal_event.txt"));
-  EXPECT_EQ((Names{RX::Memory::keyAddedKey, RX::Memory::keyRemovedKey, RX::Memory::keyTypeChanged}),
-            memory->getEventList());
-  EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));
-}
-
-TEST_F(MapFileTest, ModuleGoneLeavesNothingConnected) {
-  auto battery = registerFakeService(broker, "Battery", {"levelChanged"});
-  const std::size_t listenersBefore = registrationListeners();
-  createMemory("Battery.levelChanged:BatteryLevel\nLater.laterSig:LaterEvent\n");
-  ASSERT_EQ(listenersBefore + 1, registrationListeners());
-  ASSERT_EQ(2u, battery->connections("levelChanged"));
+  // Once the module is gone, neither a registration nor an emission reaches
+  // it (the mapped connections themselves stay).
   boost::weak_ptr<RX::RXMemory> weak = memory;
   memory->exit();
   memory.reset();
   ASSERT_TRUE(weak.expired()) << "something still holds the module";
   EXPECT_EQ(listenersBefore, registrationListeners());
-  // Neither a registration nor an emission reaches the destroyed module (the
-  // mapped connections themselves stay).
-  EXPECT_EQ(0u, registerFakeService(broker, "Later", {"laterSig"})->connections("laterSig"));
-  EXPECT_NO_THROW(battery->emit("levelChanged", RXValue(1)));
-  EXPECT_EQ(2u, battery->connections("levelChanged"));
+  ASSERT_TRUE(broker->session()->unregisterService(ghostId));
+  broker->session()->registerService("Ghost", mz::AnyObject(ghost));
+  EXPECT_EQ(2u, ghost->connections("ghostSignal"));
+  EXPECT_NO_THROW(services["Battery"]->emit("signalChanged", RXValue(1)));
 }
 
-class MappingTest : public MemoryTest {};
+using MappingTest = MemoryTest;
 
 TEST_F(MappingTest, MappingsAddedAtRunTime) {
   auto r = startModule<Recorder>(broker, "R");
@@ -171,7 +144,7 @@ TEST_F(MappingTest, MappingsAddedAtRunTime) {
   unsigned int laterId = 0;
   auto later = registerFakeService(broker, "Later", {"sig"}, &laterId);
   EXPECT_EQ(1u, later->connections("sig"));
-  EXPECT_EQ("Event", memory->getStrDataType("LaterEvent"));
+  EXPECT_EQ("Event", types({"LaterEvent"}));
   memory->subscribeToEvent("LaterEvent", "R", "onEvent");
   later->emit("sig", RXValue(3));
   // A second event for the pair: stored for the next registration, while the
@@ -186,8 +159,7 @@ TEST_F(MappingTest, MappingsAddedAtRunTime) {
   later->emit("sig", RXValue(5));
   // A value with no RXValue form is not raised.
   EXPECT_NO_THROW(later->emit("sig", mz::AnyValue::fromOther(42L)));
-  EXPECT_EQ("5 5",
-            memory->getData("LaterEvent").toString() + " " + memory->getData("LaterEvent2").toString());
+  EXPECT_EQ("5 5", values({"LaterEvent", "LaterEvent2"}));
 
   // A registered service without the signal, and an unmapped service.
   auto other = registerFakeService(broker, "NoSig", {"other"});
@@ -204,16 +176,10 @@ TEST_F(MappingTest, MappingsAddedAtRunTime) {
   EXPECT_EQ(2u, multi->connections("a") + multi->connections("b"));
 
   drain(r);
-  Names raised, added;
-  for (const Notification& n : r->items()) {
-    if (n.key.rfind("LaterEvent", 0) == 0) raised.push_back(n.key + "=" + n.value.toString(0));
-    if (n.key == RX::Memory::keyAddedKey && n.value.toString(0).rfind("Multi", 0) == 0)
-      added.push_back(n.value.toString(0));
-  }
-  EXPECT_EQ((Names{"LaterEvent=3", "LaterEvent=4", "LaterEvent2=4", "LaterEvent=5", "LaterEvent2=5",
-                   "LaterEvent2=5"}),
-            raised);
-  EXPECT_EQ((Names{"MultiA", "MultiB"}), added);
+  EXPECT_EQ((Names{"RXMemory/KeyAdded=LaterEvent", "LaterEvent=3", "RXMemory/KeyAdded=LaterEvent2",
+                   "LaterEvent=4", "LaterEvent2=4", "LaterEvent=5", "LaterEvent2=5", "LaterEvent2=5",
+                   "RXMemory/KeyAdded=MultiA", "RXMemory/KeyAdded=MultiB"}),
+            r->keyValues());
 }
 
 // A session whose look-up hands out an empty object for "Null".
@@ -235,12 +201,14 @@ class RefusingService : public FakeService {
   }
 };
 
-TEST(MappingFailureTest, EmptyObjectsAndRefusedConnectionsReachTheCaller) {
-  auto broker =
-      RX::RXBroker::create("nulling-broker", RX::RXBroker::Options(), std::make_shared<NullingSession>());
-  ASSERT_EQ(0, _createModule(broker));
-  auto memory = boost::dynamic_pointer_cast<RX::RXMemory>(broker->getModule("RXMemory"));
-  ASSERT_TRUE(memory);
+class MappingFailureTest : public MemoryTest {
+  void SetUp() override {
+    startBroker(std::make_shared<NullingSession>());
+    startMemory();
+  }
+};
+
+TEST_F(MappingFailureTest, EmptyObjectsAndRefusedConnectionsReachTheCaller) {
   EXPECT_EQ("std::exception|This object is null", errorOf([&] { memory->addMapping("Null", "sig", "E"); }));
   EXPECT_EQ("std::exception|This object is null", errorOf([&] {
               memory->addMapping("Null", std::map<std::string, std::string>{{"sig", "E"}});
@@ -250,15 +218,9 @@ TEST(MappingFailureTest, EmptyObjectsAndRefusedConnectionsReachTheCaller) {
   EXPECT_NO_THROW(
       broker->session()->registerService("Null", mz::AnyObject(std::make_shared<FakeService>(Names{"sig"}))));
   broker->session()->registerService("Refusing", mz::AnyObject(std::make_shared<RefusingService>()));
-  try {
-    memory->addMapping("Refusing", "sig", "Refused");
-    ADD_FAILURE() << "a refused connection went unreported";
-  } catch (const mz::FutureError& e) {
-    EXPECT_STREQ("connection refused", e.what());
-  }
+  EXPECT_EQ("std::exception|connection refused",
+            errorOf([&] { memory->addMapping("Refusing", "sig", "Refused"); }));
   EXPECT_TRUE(contains(memory->getEventList(), "Refused")) << "the event is declared before connecting";
-  memory.reset();
-  broker->shutdown();
 }
 
 }  // namespace

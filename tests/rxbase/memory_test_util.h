@@ -1,38 +1,32 @@
 // Helpers for the memory module's tests: a broker with the module created
 // through _createModule, subscriber modules that record their callbacks, an
-// extractor module, a service with signals, and captures of log lines and of
-// signal deliveries. Waits are bounded (support/wait.h).
+// extractor module, a service with signals. Waits are bounded (support/wait.h).
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <boost/make_shared.hpp>
-#include <boost/pointer_cast.hpp>
-#include <functional>
 #include <future>
 #include <map>
-#include <memory>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "mz/object.h"
 #include "mz/session.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
-#include "rx/rxlog.h"
 #include "rx/rxmodule.h"
 #include "rxmemory.h"
 #include "rxmemorysubscriber.h"
-#include "support/wait.h"
+#include "support/capture.h"
 
 namespace rxtest {
 
 using Names = std::vector<std::string>;
 using RX::RXValue;
 using S = std::string;
+using testsupport::LogLines;
 
 struct Notification {
   std::string method, key;
@@ -58,11 +52,6 @@ class Recorder : public RX::RXModule, public testsupport::Collector<Notification
   }
   void onOther(const std::string& key, const RXValue& value, const RXValue& message) {
     add({"onOther", key, value, message});
-  }
-  std::size_t count(const std::string& key) const {
-    std::size_t n = 0;
-    for (const Notification& r : items()) n += r.key == key;
-    return n;
   }
   // "key=value" of every call but the drain sentinels, in arrival order.
   Names keyValues() const {
@@ -118,9 +107,6 @@ class FakeService : public mz::DynamicObject {
   void emit(const std::string& signal, const mz::AnyValue& value) { (*signals_.at(signal))(value); }
   std::size_t connections(const std::string& signal) const { return signals_.at(signal)->subscriberCount(); }
 
- protected:
-  std::string objectName() const override { return "FakeService"; }
-
  private:
   std::map<std::string, std::unique_ptr<mz::SignalF<void(mz::AnyValue)>>> signals_;
 };
@@ -143,20 +129,6 @@ boost::shared_ptr<M> startModule(const boost::shared_ptr<RX::RXBroker>& broker, 
   return module;
 }
 
-// Collects the log lines written while it lives ("category|level|message").
-class LogCapture : public testsupport::Collector<std::string> {
- public:
-  LogCapture() {
-    id_ = RX::log::addObserver([this](const std::string& category, int level, const std::string& message) {
-      add(category + "|" + std::to_string(level) + "|" + message);
-    });
-  }
-  ~LogCapture() { RX::log::removeObserver(id_); }
-
- private:
-  int id_;
-};
-
 // Collects the values delivered to a key's signal as text (delivery is synchronous).
 struct SignalLog : testsupport::Collector<std::string> {
   void operator()(const mz::AnyValue& v) { add(v.toRXValue().toString()); }
@@ -171,43 +143,37 @@ inline bool contains(const Names& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// Runs every job on its own thread and waits for all, each for at most 60 s.
-inline void runAll(const std::vector<std::function<void()>>& jobs) {
-  std::vector<std::future<void>> running;
-  for (const auto& job : jobs) running.push_back(std::async(std::launch::async, job));
-  for (auto& r : running)
-    ASSERT_EQ(std::future_status::ready, r.wait_for(std::chrono::seconds(60))) << "a worker is stuck";
-  for (auto& r : running) r.get();
-}
-
-// Runs every job on its own thread over the keys 0..n-1; the jobs meet at
-// each key before touching it, so that what they do to it really overlaps.
-inline void raceOverKeys(int n, const std::vector<std::function<void(int)>>& jobs) {
+// Runs every job on its own thread for the rounds 0..n-1 (a job is given the
+// round); the jobs meet at each round before starting it, so that what they do
+// really overlaps. Each job may take at most 60 s.
+inline void runTogether(int n, const std::vector<std::function<void(int)>>& jobs) {
   std::vector<std::atomic<std::size_t>> arrived(static_cast<std::size_t>(n));
-  std::vector<std::function<void()>> threads;
+  std::vector<std::future<void>> running;
   for (const auto& job : jobs)
-    threads.push_back([&arrived, &jobs, job, n] {
+    running.push_back(std::async(std::launch::async, [&arrived, &jobs, job, n] {
       for (int i = 0; i < n; ++i) {
         arrived[i].fetch_add(1);
         while (arrived[i].load() < jobs.size()) std::this_thread::yield();
         job(i);
       }
-    });
-  runAll(threads);
+    }));
+  for (auto& r : running)
+    ASSERT_EQ(std::future_status::ready, r.wait_for(std::chrono::seconds(60))) << "a worker is stuck";
+  for (auto& r : running) r.get();
 }
 
 // Raises a micro-event that `r` is subscribed to and waits for it: since posts
 // to one module arrive in order, everything posted before has arrived. Counted
 // by key: calls posted earlier may still be arriving when it starts.
 inline void drain(const boost::shared_ptr<RX::RXMemory>& memory, const boost::shared_ptr<Recorder>& r) {
-  const std::size_t before = r->count("Sentinel");
+  auto sentinels = [](const std::vector<Notification>& got) {
+    return std::count_if(got.begin(), got.end(), [](const Notification& n) { return n.key == "Sentinel"; });
+  };
+  const auto before = sentinels(r->items());
   memory->subscribeToMicroEvent("Sentinel", r->getName(), "", "onEvent");
   memory->raiseMicroEvent("Sentinel", RXValue(0));
-  ASSERT_TRUE(r->waitUntil([&](const std::vector<Notification>& got) {
-    return std::count_if(got.begin(), got.end(), [](const Notification& n) { return n.key == "Sentinel"; }) >
-           static_cast<std::ptrdiff_t>(before);
-  })) << r->getName()
-      << " never received the sentinel";
+  ASSERT_TRUE(r->waitUntil([&](const std::vector<Notification>& got) { return sentinels(got) > before; }))
+      << r->getName() << " never received the sentinel";
   memory->unsubscribeToMicroEvent("Sentinel", r->getName());
 }
 
@@ -215,9 +181,15 @@ inline void drain(const boost::shared_ptr<RX::RXMemory>& memory, const boost::sh
 class MemoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    startBroker();
+    startMemory();
+  }
+  void startBroker(std::shared_ptr<mz::Session> session = std::make_shared<mz::Session>()) {
     RX::RXBroker::Options options;
     options.queueCapacity = 1000000;
-    broker = RX::RXBroker::create("test-broker", options);
+    broker = RX::RXBroker::create("test-broker", options, session);
+  }
+  void startMemory() {
     ASSERT_EQ(0, _createModule(broker));
     memory = boost::dynamic_pointer_cast<RX::RXMemory>(broker->getModule("RXMemory"));
     ASSERT_TRUE(memory) << "_createModule did not register RXMemory with the broker";
