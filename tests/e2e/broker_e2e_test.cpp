@@ -144,6 +144,19 @@ TEST(BrokerE2E, MemoryServesClientProcesses) {
     EXPECT_TRUE(tool->notified.waitUntil([](const Names& n) {
       return !n.empty() && n.back() == "E2E/Beep=9";
     })) << "the mapped signal did not raise E2E/Beep";
+
+    // A client process killed is dropped; the next raise drops its subscription.
+    Child other({RX_E2E_CLIENT_PATH, endpoint, "E2E/Killed"});
+    ASSERT_EQ("ready", other.readLine().value_or("(nothing)"));
+    auto subscribers = [&] { return memory->call<Names>("getSubscribers", S("E2E/Killed")); };
+    EXPECT_EQ(Names{"E2EClient"}, subscribers());
+    memory->call<void>("raiseEvent", S("E2E/Killed"), RXValue(1));
+    EXPECT_EQ("event E2E/Killed 1 ", other.readLine().value_or("(nothing)"));
+    other.signal(SIGKILL);
+    ASSERT_TRUE(gone.waitFor(1)) << "the broker kept the dead client";
+    EXPECT_EQ(Names{"E2EClient"}, gone.items());
+    memory->call<void>("raiseEvent", S("E2E/Killed"), RXValue(2));
+    EXPECT_EQ(Names{}, subscribers());
   }
 }
 
