@@ -1,9 +1,10 @@
 // End to end: the real rxbroker process with the memory module, driven by
-// clients in this process and in child processes over TCP and Unix sockets;
-// and when things go wrong: the broker killed and started again (what a client
-// subscribed, mapped and followed is made again), a subscriber whose callback
-// does not match what the memory posts (it keeps its subscription, as an
-// in-process module does).
+// clients in this process and in child processes over TCP and Unix sockets
+// (values and errors through them: cli_e2e_test); and when things go wrong:
+// clients killed or stalled, the broker killed and started again (what a
+// client subscribed, mapped and followed is made again), a subscriber whose
+// callback does not match what the memory posts (it keeps its subscription, as
+// an in-process module does).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -13,9 +14,9 @@
 
 #include "net/clientsession.h"
 #include "rx/rxbroker.h"
-#include "rx/rxerror.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
+#include "support/capture.h"
 #include "support/process.h"
 
 namespace {
@@ -26,23 +27,20 @@ using S = std::string;
 using testsupport::BrokerProcess;
 using testsupport::Child;
 using testsupport::Collector;
+using testsupport::errorOf;
 using testsupport::TempDir;
 using Names = std::vector<std::string>;
 
-// A client module: subscriber callbacks (onEvent keeps values in arrival
-// order, onNotify "KEY=VALUE"; onInt takes one int, which no notification
-// fits), extractor entry points, and a signal the memory can map.
+// A client module: a subscriber callback keeping values in arrival order and
+// "KEY=VALUE" texts; onInt takes one int, which no notification fits (it is
+// never called: a post that reaches it is not warned about);
+// extractor entry points, and a signal the memory can map.
 class Tool : public RX::RXModule {
  public:
   Tool(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RX::RXModule(broker, name) {
-    for (const char* method : {"onEvent", "onNotify"}) {
-      functionName(method, name, "Records a notification.");
-      addParam("key", "");
-      addParam("value", "");
-      addParam("message", "");
-      advertiseMethod(getCurrentMethodDescription(), this,
-                      S(method) == "onEvent" ? &Tool::onEvent : &Tool::onNotify);
-    }
+    functionName("onEvent", name, "Records a notification.");
+    for (const char* param : {"key", "value", "message"}) addParam(param, "");
+    advertiseMethod(getCurrentMethodDescription(), this, &Tool::onEvent);
     functionName("onInt", name, "Takes one int: no notification fits.");
     addParam("value", "");
     advertiseMethod(getCurrentMethodDescription(), this, &Tool::onInt);
@@ -62,11 +60,11 @@ class Tool : public RX::RXModule {
     tool->initModule();
     return tool;
   }
-  void onEvent(const std::string&, const RXValue& value, const RXValue&) { events.add(value); }
-  void onNotify(const std::string& key, const RXValue& value, const RXValue&) {
+  void onEvent(const std::string& key, const RXValue& value, const RXValue&) {
+    events.add(value);
     notified.add(key + "=" + value.toString(0));
   }
-  void onInt(int value) { ints.add(value); }
+  void onInt(int) {}
   float getCurrentPrecision() { return 1.0f; }
   void subscribe(const std::string& id) { extractorCalls.add("subscribe " + id); }
   void unsubscribe(const std::string& id) { extractorCalls.add("unsubscribe " + id); }
@@ -74,7 +72,6 @@ class Tool : public RX::RXModule {
   mz::SignalF<void(mz::AnyValue)> beeped;
   Collector<RXValue> events;
   Collector<std::string> notified, extractorCalls;
-  Collector<int> ints;
 };
 
 // A client of the broker at `endpoint`, in this process.
@@ -106,34 +103,11 @@ TEST(BrokerE2E, MemoryServesClientProcesses) {
   ASSERT_EQ(2u, broker.endpoints.size());
   for (const std::string& endpoint : broker.endpoints) {
     SCOPED_TRACE(endpoint);
+    Collector<std::string> gone;  // services gone from the broker
     Client client(endpoint);
+    client.session->serviceUnregistered.connect([&](unsigned int, std::string name) { gone.add(name); });
     auto tool = Tool::start(client.broker, "E2ETool");
     auto& memory = client.memory;
-
-    // Store and read back every kind; errors keep their module, method and text.
-    RXValue list = RXValue::array(0);
-    list.arrayPush(RXValue(1));
-    list.arrayPush(RXValue("two"));
-    const std::pair<S, RXValue> kinds[] = {{"e2e/int", RXValue(42)},
-                                           {"e2e/float", RXValue(1.5f)},
-                                           {"e2e/string", RXValue("text")},
-                                           {"e2e/array", list}};
-    memory->call<void>("insertData", S("e2e/int"), 42);  // each overload, chosen by kind
-    memory->call<void>("insertData", S("e2e/float"), 1.5f);
-    memory->call<void>("insertData", S("e2e/string"), S("text"));
-    memory->call<void>("insertData", S("e2e/array"), list);
-    for (const auto& [key, value] : kinds) EXPECT_EQ(value, memory->call<RXValue>("getData", key)) << key;
-    for (const auto& [method, message] : {std::pair<S, S>{"getData", "Data not found e2e/missing"},
-                                          {"getDataPtr",
-                                           "getDataPtr returns an address that is only valid inside the "
-                                           "broker process and cannot be called remotely"}}) {
-      try {
-        memory->call<RXValue>(method, S(method == "getData" ? "e2e/missing" : "e2e/int"));
-        ADD_FAILURE() << method << " succeeded";
-      } catch (const RX::RXError& e) {
-        EXPECT_EQ("RXMemory|" + method + "|" + message, e.module() + "|" + e.method() + "|" + e.message());
-      }
-    }
 
     // Notifications posted to the client's module, in order.
     memory->call<void>("subscribeToEvent", S("E2E/Event"), S("E2ETool"), S("onEvent"));
@@ -165,31 +139,25 @@ TEST(BrokerE2E, MemoryServesClientProcesses) {
               tool->extractorCalls.items());
 
     // The mapping file maps this module's signal to a memory event.
-    memory->call<void>("subscribeToMicroEvent", S("E2E/Beep"), S("E2ETool"), S("m"), S("onNotify"));
+    memory->call<void>("subscribeToMicroEvent", S("E2E/Beep"), S("E2ETool"), S("m"), S("onEvent"));
     tool->beeped(mz::AnyValue(9));
-    ASSERT_TRUE(tool->notified.waitFor(1)) << "the mapped signal did not raise E2E/Beep";
-    EXPECT_EQ("E2E/Beep=9", tool->notified.items()[0]);
-  }
-}
+    EXPECT_TRUE(tool->notified.waitUntil([](const Names& n) {
+      return !n.empty() && n.back() == "E2E/Beep=9";
+    })) << "the mapped signal did not raise E2E/Beep";
 
-TEST(BrokerE2E, KilledClientProcessIsDropped) {
-  TempDir dir;
-  BrokerProcess broker = startBroker(dir);
-  Collector<std::string> gone;
-  Client client(broker.endpoints.at(1));
-  client.session->serviceUnregistered.connect([&](unsigned int, std::string name) { gone.add(name); });
-  Child other({RX_E2E_CLIENT_PATH, broker.endpoints.at(1), "E2E/Killed"});
-  ASSERT_TRUE(other.expectLine("ready"));
-  auto subscribers = [&] { return client.memory->call<Names>("getSubscribers", S("E2E/Killed")); };
-  EXPECT_EQ(Names{"E2EClient"}, subscribers());
-  client.memory->call<void>("raiseEvent", S("E2E/Killed"), RXValue(1));
-  EXPECT_EQ("event E2E/Killed 1 ", other.expectLine("event").value_or("(nothing)"));
-  other.signal(SIGKILL);
-  ASSERT_TRUE(gone.waitFor(1)) << "the broker kept the dead client";
-  EXPECT_EQ("E2EClient", gone.items()[0]);
-  // The next raise finds the subscriber gone and drops it.
-  client.memory->call<void>("raiseEvent", S("E2E/Killed"), RXValue(2));
-  EXPECT_EQ(Names{}, subscribers());
+    // A client process killed is dropped; the next raise drops its subscription.
+    Child other({RX_E2E_CLIENT_PATH, endpoint, "E2E/Killed"});
+    ASSERT_EQ("ready", other.readLine().value_or("(nothing)"));
+    auto subscribers = [&] { return memory->call<Names>("getSubscribers", S("E2E/Killed")); };
+    EXPECT_EQ(Names{"E2EClient"}, subscribers());
+    memory->call<void>("raiseEvent", S("E2E/Killed"), RXValue(1));
+    EXPECT_EQ("event E2E/Killed 1 ", other.readLine().value_or("(nothing)"));
+    other.signal(SIGKILL);
+    ASSERT_TRUE(gone.waitFor(1)) << "the broker kept the dead client";
+    EXPECT_EQ(Names{"E2EClient"}, gone.items());
+    memory->call<void>("raiseEvent", S("E2E/Killed"), RXValue(2));
+    EXPECT_EQ(Names{}, subscribers());
+  }
 }
 
 // Two subscriber processes stop reading (stopped by a signal) while events
@@ -201,7 +169,7 @@ TEST(BrokerE2E, StalledSubscriberProcessesAreCutOffAndStallNobody) {
   const std::string endpoint = broker.endpoints.at(0);
   Child stalled1({RX_E2E_CLIENT_PATH, endpoint, "E2E/Flood", "Stalled1"});
   Child stalled2({RX_E2E_CLIENT_PATH, endpoint, "E2E/Flood", "Stalled2"});
-  ASSERT_TRUE(stalled1.expectLine("ready") && stalled2.expectLine("ready"));
+  ASSERT_TRUE(stalled1.readLine() == "ready" && stalled2.readLine() == "ready");
   Collector<std::string> gone;
   Client client(endpoint);
   auto tool = Tool::start(client.broker, "E2ETool");
@@ -228,16 +196,6 @@ TEST(BrokerE2E, StalledSubscriberProcessesAreCutOffAndStallNobody) {
   stalled2.signal(SIGCONT);
 }
 
-// The message of the RXError f throws, without its source place.
-std::string errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const RX::RXError& e) {
-    return e.message();
-  }
-  return "(no RXError)";
-}
-
 class BrokerRestart : public ::testing::TestWithParam<bool> {};
 
 TEST_P(BrokerRestart, SubscriptionsMappingsAndFollowedKeysAreMadeAgain) {
@@ -255,11 +213,11 @@ TEST_P(BrokerRestart, SubscriptionsMappingsAndFollowedKeysAreMadeAgain) {
   client.session->reconnected.connect([&] { ups.add(1); });
   auto follower = Tool::start(client.broker, "Follower");
   auto& memory = client.memory;
-  memory->call<void>("subscribeToEvent", S("R/Event"), S("Follower"), S("onNotify"));
-  memory->call<void>("subscribeToEvent", S("R/Dropped"), S("Follower"), S("onNotify"));
+  memory->call<void>("subscribeToEvent", S("R/Event"), S("Follower"), S("onEvent"));
+  memory->call<void>("subscribeToEvent", S("R/Dropped"), S("Follower"), S("onEvent"));
   memory->call<void>("unsubscribeToEvent", S("R/Dropped"), S("Follower"));
   memory->call<void>("addMapping", S("Follower"), S("beepedLoudly"), S("R/Beep"));
-  memory->call<void>("subscribeToMicroEvent", S("R/Beep"), S("Follower"), S("m"), S("onNotify"));
+  memory->call<void>("subscribeToMicroEvent", S("R/Beep"), S("Follower"), S("m"), S("onEvent"));
   mz::AnyObject key = memory->call<mz::AnyObject>("subscriber", S("R/Key"));
   const mz::SignalLink link =
       key.connect("signal", [&](mz::AnyValue v) { followed.add(v.toRXValue()); }).value();
@@ -286,13 +244,14 @@ TEST_P(BrokerRestart, SubscriptionsMappingsAndFollowedKeysAreMadeAgain) {
     EXPECT_EQ(8, followed.items()[0].toInt());
     EXPECT_EQ(Names{"Follower"}, subscribers("R/Event"));
     EXPECT_EQ(Names{"Follower"}, subscribers("R/Beep"));
-    EXPECT_EQ("Data not found R/Dropped", errorOf([&] { subscribers("R/Dropped"); }))
+    EXPECT_EQ(
+        0u, errorOf([&] { subscribers("R/Dropped"); }).find("RXMemory::getData: Data not found R/Dropped ("))
         << "an unsubscribed event was subscribed again";
     // The application's link id ends the connection made again.
     EXPECT_NO_THROW(key.disconnect(link).waitAndCheck());
   } else {
     EXPECT_EQ(Names{}, subscribers("R/Event"));
-    EXPECT_EQ("Data not found R/Beep", errorOf([&] { subscribers("R/Beep"); }));
+    EXPECT_EQ(0u, errorOf([&] { subscribers("R/Beep"); }).find("RXMemory::getData: Data not found R/Beep ("));
     EXPECT_EQ(0u, followed.size());
   }
   other->close();
@@ -334,13 +293,6 @@ TEST(MismatchedCallback, ClientSubscriberKeepsItsSubscriptionAndIsWarnedOnce) {
   // One line a second at most (the raises may take longer on a loaded machine).
   EXPECT_LE(warnings.size(),
             1 + std::size_t(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count()));
-
-  // Subscribed again with a matching callback, the module receives events.
-  memory->call<void>("subscribeToEvent", S("R/Mismatch"), S("Follower"), S("onNotify"));
-  memory->call<void>("raiseEvent", S("R/Mismatch"), RXValue(42));
-  ASSERT_TRUE(follower->notified.waitFor(1));
-  EXPECT_EQ(Names{"R/Mismatch=42"}, follower->notified.items());
-  EXPECT_EQ(0u, follower->ints.size());
 }
 
 }  // namespace

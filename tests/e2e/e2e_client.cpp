@@ -1,12 +1,9 @@
-// rx_e2e_client: a client process for the end-to-end tests. It connects to a
-// broker, serves a module "E2EClient" whose callback prints each notification,
-// subscribes it to an event of the broker's memory, says "ready", and runs
-// until its standard input closes (or it is killed).
-//
-//   rx_e2e_client ENDPOINT EVENT [MODULE]     (MODULE defaults to E2EClient)
-//   stdout: "ready", then "event KEY VALUE MESSAGE" per notification, "bye" at the end.
-//   stdin: a line "raise N KEY" raises event KEY N times (blocking calls), then
-//   says "raised N" (bench/syscalls_per_event.sh counts system calls with it).
+// rx_e2e_client ENDPOINT EVENT [MODULE]: a client process for the end-to-end
+// tests. It serves a module (E2EClient by default) subscribed to EVENT, says
+// "ready", prints "event KEY VALUE MESSAGE" per notification, and runs until
+// its standard input closes ("bye") or it is killed. A line "raise N KEY" on
+// stdin raises KEY N times, then says "raised N" (bench/syscalls_per_event.sh
+// counts system calls with it).
 #include <boost/make_shared.hpp>
 #include <iostream>
 #include <mutex>
@@ -31,9 +28,7 @@ class E2EClient : public RX::RXModule {
  public:
   E2EClient(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RX::RXModule(broker, name) {
     functionName("onEvent", "E2EClient", "Prints a notification.");
-    addParam("key", "");
-    addParam("value", "");
-    addParam("message", "");
+    for (const char* param : {"key", "value", "message"}) addParam(param, "");
     advertiseMethod(getCurrentMethodDescription(), this, &E2EClient::onEvent);
   }
   void onEvent(const std::string& key, const RX::RXValue& value, const RX::RXValue& message) {
@@ -55,12 +50,10 @@ int main(int argc, char** argv) {
     auto broker = RX::RXBroker::create("e2e-client", RX::RXBroker::Options(), session);
     auto module = boost::make_shared<E2EClient>(broker, argc == 4 ? argv[3] : "E2EClient");
     module->initModule();
-    broker->getProxy("RXMemory")
-        ->call<void>("subscribeToEvent", std::string(argv[2]), module->getName(),
-                     std::string("onEvent"));
+    boost::shared_ptr<RX::RXProxy> memory = broker->getProxy("RXMemory");
+    memory->call<void>("subscribeToEvent", std::string(argv[2]), module->getName(), std::string("onEvent"));
     say("ready");
     std::string line;
-    boost::shared_ptr<RX::RXProxy> memory = broker->getProxy("RXMemory");
     while (std::getline(std::cin, line)) {
       std::istringstream words(line);
       std::string verb, key;

@@ -34,65 +34,54 @@ struct TempDir {
   std::string path;
 };
 
-// A running program with its standard input and output (and, with
-// mergeStderr, its standard error) on pipes. Killed and reaped when it goes.
+// Where a child's standard error goes: the test's own, the pipe of its
+// standard output, or a pipe of its own (read with errLine and err).
+enum class Stderr { Inherit, Merge, Pipe };
+
+// A running program with its standard input and output on pipes. Killed and
+// reaped when it goes. Not thread-safe: one thread drives a child.
 class Child {
  public:
-  explicit Child(const std::vector<std::string>& args, bool mergeStderr = false) {
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  explicit Child(const std::vector<std::string>& args, bool mergeStderr = false)
+      : Child(args, mergeStderr ? Stderr::Merge : Stderr::Inherit) {}
+  Child(const std::vector<std::string>& args, Stderr stderrTo) {
+    int in[2], out[2], err[2] = {-1, -1};
+    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
+        (stderrTo == Stderr::Pipe && ::pipe2(err, O_CLOEXEC) != 0))
+      throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    if (mergeStderr) posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+    if (stderrTo != Stderr::Inherit)
+      posix_spawn_file_actions_adddup2(&actions, stderrTo == Stderr::Pipe ? err[1] : out[1], 2);
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     const int rc = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    ::close(in[0]);
-    ::close(out[1]);
+    for (int fd : {in[0], out[1], err[1]}) ::close(fd);
     stdin_ = in[1];
-    stdout_ = out[0];
+    streams_[0].fd = out[0];
+    streams_[1].fd = err[0];
+    streams_[1].ended = err[0] < 0;
     if (rc != 0) {
-      ::close(stdin_);
-      ::close(stdout_);
+      for (int fd : {in[1], out[0], err[0]}) ::close(fd);
       throw std::runtime_error("cannot start " + args[0]);
     }
   }
   ~Child() {
     ::close(stdin_);
     if (pid_ > 0) signal(SIGKILL), wait();
-    ::close(stdout_);
+    for (Stream& s : streams_) ::close(s.fd);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // The next line of output, or nothing when none came in time or the output closed.
-  std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (buffer_.find('\n') == std::string::npos) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      pollfd p{stdout_, POLLIN, 0};
-      if (left.count() <= 0) return std::nullopt;
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[4096];
-      const ssize_t n = ::read(stdout_, chunk, sizeof chunk);
-      if (n <= 0) return std::nullopt;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
-    std::string line = buffer_.substr(0, buffer_.find('\n'));
-    buffer_.erase(0, line.size() + 1);
-    return line;
-  }
-  // The first line starting with `prefix` (lines before it are skipped).
-  std::optional<std::string> expectLine(const std::string& prefix) {
-    while (auto line = readLine())
-      if (line->compare(0, prefix.size(), prefix) == 0) return line;
-    return std::nullopt;
-  }
+  // The next line of standard output (or error), or nothing when none came
+  // in time or the stream ended.
+  std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) { return line(0, timeout); }
+  std::optional<std::string> errLine(std::chrono::milliseconds timeout = kWait) { return line(1, timeout); }
   // The lines before the first one containing `marker`; nothing when it did not come.
   std::optional<std::vector<std::string>> linesUntil(const std::string& marker) {
     std::vector<std::string> lines;
@@ -113,12 +102,57 @@ class Child {
     pid_ = -1;
     return status;
   }
+  // Reads the output to its end and waits for the program: its exit code, or
+  // -1 when it did not end in time or was ended by a signal.
+  int finish() {
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    while (!streams_[0].ended || !streams_[1].ended)
+      if (!pump(deadline)) return -1;
+    const int status = wait();
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // The output not yet taken as lines.
+  const std::string& out() const { return streams_[0].buffer; }
+  const std::string& err() const { return streams_[1].buffer; }
 
  private:
+  struct Stream {
+    int fd = -1;
+    std::string buffer;
+    bool ended = false;
+  };
+
+  std::optional<std::string> line(int which, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    Stream& s = streams_[which];
+    while (s.buffer.find('\n') == std::string::npos)
+      if (s.ended || !pump(deadline)) return std::nullopt;
+    std::string text = s.buffer.substr(0, s.buffer.find('\n'));
+    s.buffer.erase(0, text.size() + 1);
+    return text;
+  }
+  // Reads what is there on both pipes, so that a chatty child never blocks on
+  // the one not being read. False once the deadline has passed.
+  bool pump(std::chrono::steady_clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    pollfd p[2];
+    for (int i = 0; i < 2; ++i) p[i] = {streams_[i].ended ? -1 : streams_[i].fd, POLLIN, 0};
+    if (::poll(p, 2, static_cast<int>(left.count())) <= 0) return true;  // the caller re-checks the deadline
+    for (int i = 0; i < 2; ++i) {
+      if (!(p[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+      char chunk[4096];
+      const ssize_t n = ::read(p[i].fd, chunk, sizeof chunk);
+      streams_[i].ended = n <= 0;
+      if (n > 0) streams_[i].buffer.append(chunk, static_cast<std::size_t>(n));
+    }
+    return true;
+  }
+
   pid_t pid_ = -1;
   int stdin_ = -1;
-  int stdout_ = -1;
-  std::string buffer_;  // output read but not yet returned as lines
+  Stream streams_[2];
 };
 
 // The real rxbroker listening on `listen` ("tcp://127.0.0.1:0" takes a free
@@ -132,10 +166,12 @@ class BrokerProcess {
                 const std::vector<std::string>& listen, const std::vector<std::string>& extra = {},
                 bool mergeLog = false)
       : child_(arguments(program, dataPath, listen, extra), mergeLog) {
-    const std::string listening = "rxbroker: listening on ";
+    const std::string listening = "rxbroker: listening on ", pages = "rxbroker: status pages on ";
     while (auto line = child_.readLine()) {
       if (line->compare(0, listening.size(), listening) == 0)
         endpoints.push_back(line->substr(listening.size()));
+      if (line->compare(0, pages.size(), pages) == 0)
+        http = line->substr(pages.size(), line->rfind('/') - pages.size());
       if (*line == "rxbroker: press Ctrl-C to stop") return;
     }
     throw std::runtime_error("rxbroker did not say it listens on " + listen.at(0));
@@ -149,7 +185,7 @@ class BrokerProcess {
   Child& output() { return child_; }
 
   std::vector<std::string> endpoints;  // as the broker reported them, in the order given
-  std::string http;                    // the status pages' URL, when `extra` asks for them with --http
+  std::string http;                    // http://HOST:PORT of the status pages, when `extra` has --http
 
  private:
   static std::vector<std::string> arguments(const std::string& program, const std::string& dataPath,
