@@ -20,7 +20,6 @@ rx() { "$cli_bin" --url "$url" --http "$http" "$@"; }
 rx insert Robot/Battery 87
 rx insert Robot/Speed 0.5
 rx insert Robot/Name '"Rex the robot"'
-rx insert Robot/Mode idle
 rx insert Robot/Pose '[1.5, -2.25, [0, "deg"]]'
 rx insert Robot/Charging true
 rx insert Robot/Nothing null

@@ -59,9 +59,12 @@ except KeyboardInterrupt:
     print('interrupted', flush=True)
 """, broker)
     assert child.stdout.readline() == "calling\n"
-    # Repeated: a signal landing just before the call enters its wait is
-    # handled by Python only at its next check.
+    # Signals only once the child sleeps in the call: one landing before it is
+    # handled by Python between two statements, which would prove nothing.
     deadline = time.monotonic() + WAIT
+    while open(f"/proc/{child.pid}/stat").read().rsplit(") ", 1)[1][0] != "S":
+        assert time.monotonic() < deadline, "the child did not block in its call"
+        time.sleep(0.001)
     while child.poll() is None and time.monotonic() < deadline:
         child.send_signal(signal.SIGINT)
         with contextlib.suppress(subprocess.TimeoutExpired):
