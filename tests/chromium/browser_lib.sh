@@ -1,8 +1,6 @@
-# Shared by the Chromium tests (sourced): tool checks, the broker on free
-# ports, chromedriver and a headless Chromium session, WebDriver commands,
-# screenshots, and the cleanup of all of it at exit.
-# After sourcing: $work (a scratch folder), fail, start_broker, start_browser,
-# wd, open_url, run_js, save_screenshot. Every wait is bounded.
+# Sourced by the Chromium test: tool checks, the broker on free ports,
+# chromedriver with a headless Chromium session, WebDriver commands, and the
+# cleanup of all of it at exit. Every wait is bounded.
 
 chromium_bin=$(command -v chromium || command -v chromium-browser || true)
 [ -n "$chromium_bin" ] || { echo "SKIPPED: chromium not installed (scripts/install-deps installs it)"; exit 77; }
@@ -11,13 +9,13 @@ for tool in chromedriver curl jq; do
 done
 
 work=$(mktemp -d /tmp/rxchromium-XXXXXX)
-broker_pid= driver_pid= reader_pid= driver= session=
+broker_pid= driver_pid= driver= session=
 cleanup() {
   # Quitting the session ends the browser; chromedriver runs in a process
   # group of its own, so anything of the browser still left goes with it.
   if [ -n "$session" ]; then curl -s --max-time 10 -X DELETE "$driver/session/$session" >/dev/null || true; fi
   if [ -n "$driver_pid" ]; then kill -- "-$driver_pid" 2>/dev/null || true; fi
-  for pid in $reader_pid $driver_pid $broker_pid; do
+  for pid in $driver_pid $broker_pid; do
     kill "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   done
@@ -30,52 +28,40 @@ fail() {
   exit 1
 }
 
-# start_broker RXBROKER [ARGS...]: rxbroker on ports the system picks; sets
-# $url (its endpoint) and $http (its HTTP pages, no trailing slash).
-start_broker() {
-  local bin=$1 line ready=
+# poll SECONDS COMMAND...: runs COMMAND until it succeeds; returns 1 once
+# SECONDS have passed without.
+poll() {
+  local deadline=$((SECONDS + $1))
   shift
-  mkfifo "$work/broker.out"
-  "$bin" --listen tcp://127.0.0.1:0 --http 127.0.0.1:0 --data-path "$work" --log '*=error' "$@" \
+  until "$@"; do
+    [ $SECONDS -lt $deadline ] || return 1
+    sleep 0.05
+  done
+}
+
+# start_broker RXBROKER: rxbroker on ports the system picks; sets $url (its
+# endpoint) and $http (its HTTP pages, no trailing slash).
+start_broker() {
+  "$1" --listen tcp://127.0.0.1:0 --http 127.0.0.1:0 --data-path "$work" --log '*=error' \
     >"$work/broker.out" 2>"$work/broker.err" &
   broker_pid=$!
-  exec 3<"$work/broker.out"
-  url= http=
-  # Each line must come within 10 s: a bounded wait on the broker's own words.
-  while IFS= read -r -t 10 line <&3; do
-    case "$line" in
-      "rxbroker: listening on "*) url=${line#rxbroker: listening on } ;;
-      "rxbroker: status pages on "*) http=${line#rxbroker: status pages on } ; http=${http%/RXMemory} ;;
-      "rxbroker: press Ctrl-C to stop") ready=1; break ;;
-    esac
-  done
-  [ -n "$ready" ] || fail "rxbroker did not start: $(cat "$work/broker.err")"
-  [ -n "$url" ] && [ -n "$http" ] || fail "rxbroker did not say where it listens"
+  poll 10 grep -q 'press Ctrl-C' "$work/broker.out" || fail "rxbroker did not start: $(cat "$work/broker.err")"
+  url=$(sed -n 's/^rxbroker: listening on //p' "$work/broker.out")
+  http=$(sed -n 's|^rxbroker: status pages on \(.*\)/RXMemory$|\1|p' "$work/broker.out")
 }
 
 # start_browser: chromedriver on a port it picks and a headless Chromium
 # session that keeps the browser's log; sets $driver and $session.
 start_browser() {
-  local line args
-  mkfifo "$work/driver.out"
   setsid chromedriver --port=0 >"$work/driver.out" 2>&1 &
   driver_pid=$!
-  exec 4<"$work/driver.out"
-  while IFS= read -r -t 10 line <&4; do
-    case "$line" in
-      *"started successfully on port "*) driver=${line##* port } ; driver="http://127.0.0.1:${driver%.}"; break ;;
-    esac
-  done
-  [ -n "$driver" ] || fail "chromedriver did not start"
-  # Keep reading its output so that it never blocks on a full pipe.
-  cat <&4 >/dev/null 2>&1 &
-  reader_pid=$!
-  args=$(jq -nc --arg dir "$(mktemp -d "$work/profile-XXXXXX")" '["--headless", "--no-sandbox", "--disable-gpu",
-    "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
-    "--disable-sync", "--window-size=1200,900", "--user-data-dir=" + $dir]')
-  session=$(wd POST /session "$(jq -nc --arg bin "$chromium_bin" --argjson args "$args" \
-    '{capabilities: {alwaysMatch: {"goog:chromeOptions": {binary: $bin, args: $args},
-      "goog:loggingPrefs": {browser: "ALL"}}}}')" | jq -r '.sessionId')
+  poll 10 grep -q 'started successfully on port' "$work/driver.out" || fail "chromedriver did not start"
+  driver=http://127.0.0.1:$(sed -n 's/.*started successfully on port \([0-9]*\).*/\1/p' "$work/driver.out")
+  session=$(wd POST /session "$(jq -nc --arg bin "$chromium_bin" --arg dir "$work/profile" '{capabilities: {alwaysMatch: {
+    "goog:chromeOptions": {binary: $bin, args: ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+      "--no-first-run", "--disable-background-networking", "--disable-component-update", "--disable-sync",
+      "--window-size=1200,900", "--user-data-dir=" + $dir]}, "goog:loggingPrefs": {browser: "ALL"}}}}')" |
+    jq -r '.sessionId')
   [ -n "$session" ] && [ "$session" != null ] || fail "no WebDriver session"
 }
 
@@ -95,16 +81,21 @@ open_url() { wd POST "/session/$session/url" "$(jq -nc --arg url "$1" '{url: $ur
 # policy) and prints what it returns, as JSON.
 run_js() { wd POST "/session/$session/execute/sync" "$(jq -nc --arg s "$1" '{script: $s, args: []}')"; }
 
-browser_log() { wd POST "/session/$session/se/log" '{"type": "browser"}'; }
+# The messages of the browser's log since the last call.
+browser_log() { wd POST "/session/$session/se/log" '{"type": "browser"}' | jq -r '.[].message'; }
 
-# save_screenshot FILE MIN_BYTES: a PNG of the window, which must be larger
-# than MIN_BYTES (a blank page compresses to a few KB).
-save_screenshot() {
-  local signature bytes
-  rm -f "$1"
-  wd GET "/session/$session/screenshot" | jq -r . | base64 -d >"$1" || fail "no screenshot"
-  signature=$(od -An -tx1 -N8 "$1" | tr -d ' \n')
-  [ "$signature" = "89504e470d0a1a0a" ] || fail "$1 is not a PNG ($signature)"
-  bytes=$(wc -c <"$1")
-  [ "$bytes" -gt "$2" ] || fail "the screenshot is nearly empty ($bytes bytes)"
+# wait_for SECONDS JS_CONDITION WHAT: polls the page's DOM until the condition
+# holds (the page is pushed its changes; only the test polls).
+js_true() { [ "$(run_js "return Boolean($1)")" = true ]; }
+wait_for() {
+  poll "$1" js_true "$2" || fail "$3 not seen within $1 s: $(run_js 'return document.body.innerText' | head -c 600)"
+}
+
+# check_policy PATH POLICY: the answer to PATH is 200 with exactly POLICY.
+check_policy() {
+  curl -si --max-time 10 "$http$1" >"$work/answer.txt" || fail "curl $1 failed"
+  head -1 "$work/answer.txt" | grep -q '^HTTP/1.1 200' || fail "$1: $(head -1 "$work/answer.txt")"
+  local csp
+  csp=$(grep -i '^Content-Security-Policy:' "$work/answer.txt" | tr -d '\r' || true)
+  [ "$csp" = "Content-Security-Policy: $2" ] || fail "$1: policy '$csp', expected '$2'"
 }

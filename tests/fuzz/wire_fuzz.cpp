@@ -1,12 +1,7 @@
-// libFuzzer target for the wire codec: arbitrary bytes go to the value decoder
-// and, cut into chunks, to a FrameDecoder. Besides crashes, leaks and
-// undefined behaviour, it checks that whatever decodes re-encodes to bytes
-// that decode to the same encoding again.
-//
-// Build: cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DRX_BUILD_FUZZ=ON
-//        -DRX_BUILD_TESTS=OFF && cmake --build build-fuzz --target wire_fuzz
-// Run:   build-fuzz/wire_fuzz -max_total_time=180
-#include <cstddef>
+// libFuzzer target for the wire codec (README.md says how to build and run
+// it): arbitrary bytes go to the value decoder and, cut into chunks, to a
+// FrameDecoder. Besides crashes, leaks and undefined behaviour, it checks that
+// whatever decodes re-encodes to bytes that decode to the same encoding again.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -42,25 +37,17 @@ struct ObjectTable {
   std::abort();
 }
 
-void checkValueRoundTrip(const RX::RXValue& value, const net::Limits& limits, ObjectTable& objects) {
-  std::string once;
-  net::MsgpackWriter w1(once);
-  net::encodeValue(value, w1, objects.encoder());
-  const RX::RXValue again = net::decodeValue(once.data(), once.size(), limits, objects.decoder());
-  std::string twice;
-  net::MsgpackWriter w2(twice);
-  net::encodeValue(again, w2, objects.encoder());
-  if (once != twice) fail("value re-encoding differs");
+std::string valueBytes(const RX::RXValue& value, ObjectTable& objects) {
+  std::string out;
+  net::MsgpackWriter writer(out);
+  net::encodeValue(value, writer, objects.encoder());
+  return out;
 }
 
-void checkFrameRoundTrip(const net::Message& m, const net::Limits& limits, ObjectTable& objects) {
-  std::string once;
-  net::encodeFrame(m, once, objects.encoder(), limits.maxFrameBytes);
-  const net::Message again =
-      net::decodeMessage(once.data() + 4, once.size() - 4, limits, objects.decoder());
-  std::string twice;
-  net::encodeFrame(again, twice, objects.encoder(), limits.maxFrameBytes);
-  if (once != twice) fail("frame re-encoding differs");
+std::string frameBytes(const net::Message& m, const net::Limits& limits, ObjectTable& objects) {
+  std::string out;
+  net::encodeFrame(m, out, objects.encoder(), limits.maxFrameBytes);
+  return out;
 }
 
 }  // namespace
@@ -68,9 +55,8 @@ void checkFrameRoundTrip(const net::Message& m, const net::Limits& limits, Objec
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;
   // The first byte picks the limits and the chunk size for the stream.
-  const std::uint8_t control = data[0];
-  data += 1;
-  size -= 1;
+  const std::uint8_t control = *data++;
+  --size;
   net::Limits limits;
   if (control & 0x80) {
     limits.maxFrameBytes = 512;
@@ -82,21 +68,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   ObjectTable objects;
 
   try {
-    const RX::RXValue v = net::decodeValue(data, size, limits, objects.decoder());
-    checkValueRoundTrip(v, limits, objects);
+    const std::string once = valueBytes(net::decodeValue(data, size, limits, objects.decoder()), objects);
+    if (valueBytes(net::decodeValue(once.data(), once.size(), limits, objects.decoder()), objects) != once)
+      fail("value re-encoding differs");
   } catch (const net::DecodeError&) {
   }
 
   net::FrameDecoder decoder(limits, objects.decoder());
   bool fatal = false;
   for (std::size_t at = 0; at < size && !fatal; at += chunk) {
-    const std::size_t n = std::min(chunk, size - at);
-    decoder.feed(data + at, n);
+    decoder.feed(data + at, std::min(chunk, size - at));
     for (;;) {
       try {
         std::optional<net::Message> m = decoder.next();
         if (!m) break;
-        checkFrameRoundTrip(*m, limits, objects);
+        const std::string once = frameBytes(*m, limits, objects);
+        const net::Message again = net::decodeMessage(once.data() + 4, once.size() - 4, limits, objects.decoder());
+        if (frameBytes(again, limits, objects) != once) fail("frame re-encoding differs");
       } catch (const net::DecodeError& e) {
         if (e.fatal()) {
           fatal = true;

@@ -1,17 +1,13 @@
 # Modules of this process called back by the broker, and signals.
 import logging
 import queue
-import threading
 
 import pytest
 import rxmemory
-
-WAIT = 10  # seconds, for anything that arrives from the broker
+from conftest import take
 
 
 class Recorder(rxmemory.Module):
-    """Records what the memory tells it."""
-
     def __init__(self, session, name, memory=None):
         self.calls = queue.Queue()
         self.memory = memory
@@ -28,13 +24,6 @@ class Recorder(rxmemory.Module):
     @rxmemory.method(params={"name": "Who to greet"})
     def greet(self, name, punctuation="!"):
         return f"hello {name}{punctuation}"
-
-
-def take(q, what):
-    try:
-        return q.get(timeout=WAIT)
-    except queue.Empty:
-        pytest.fail(f"{what} did not arrive within {WAIT} s")
 
 
 def test_thousand_callbacks_arrive_in_order(session, memory):
@@ -70,28 +59,23 @@ def test_module_methods_called_by_another_client(session, broker):
         assert [("name", "any", "Who to greet")] in [[tuple(p) for p in ps] for ps in params]
 
 
-def test_signal_connect_and_disconnect(memory):
+def test_signal_links_and_no_close_from_a_callback(session, memory):
     follower = memory.subscriber("Py/Signal")
-    first, second = queue.Queue(), queue.Queue()
-    link = follower.signal.connect(first.put)
-    follower.signal.connect(second.put)
-    memory.raiseEvent("Py/Signal", [1, "a"])
-    assert take(first, "the emission") == [1, "a"]
-    assert take(second, "the emission") == [1, "a"]
-    follower.signal.disconnect(link)
-    memory.raiseEvent("Py/Signal", 2)
-    assert take(second, "the emission after the disconnect") == 2
-    assert first.empty()
-
-
-def test_close_from_a_callback_is_refused(session, memory):
-    errors = queue.Queue()
+    first, second, refusals = queue.Queue(), queue.Queue(), queue.Queue()
 
     def close_here(value):
         try:
             session.close()
         except RuntimeError as e:
-            errors.put(str(e))
-    memory.subscriber("Py/CloseInside").signal.connect(close_here)
-    memory.raiseEvent("Py/CloseInside", 1)
-    assert take(errors, "the refusal") == "a session cannot be closed from one of its own callbacks"
+            refusals.put(str(e))
+    link = follower.signal.connect(first.put)
+    follower.signal.connect(second.put)
+    follower.signal.connect(close_here)
+    memory.raiseEvent("Py/Signal", [1, "a"])
+    assert take(first, "the emission") == [1, "a"]
+    assert take(second, "the emission") == [1, "a"]
+    assert take(refusals, "the refusal") == "a session cannot be closed from one of its own callbacks"
+    follower.signal.disconnect(link)
+    memory.raiseEvent("Py/Signal", 2)
+    assert take(second, "the emission after the disconnect") == 2
+    assert first.empty()

@@ -1,4 +1,5 @@
 # Broker restarts, Ctrl-C, and leaving the interpreter with callbacks flowing.
+import contextlib
 import os
 import queue
 import signal
@@ -6,10 +7,9 @@ import subprocess
 import sys
 import time
 
-import pytest
 import rxmemory
-from conftest import Broker
-from test_callbacks import WAIT, Recorder, take
+from conftest import WAIT, Broker
+from test_callbacks import Recorder
 
 
 def test_session_reconnects_and_remakes_subscriptions(tmp_path):
@@ -24,73 +24,72 @@ def test_session_reconnects_and_remakes_subscriptions(tmp_path):
             follower.signal.connect(emitted.put)
             broker.stop()
             broker.start()
-            # The subscription and the link come back once the session has
-            # reconnected; until then a raise fails or reaches nobody.
+            # The subscription and then the link come back once the session
+            # has reconnected; until both have, a raise fails or misses one.
             deadline = time.monotonic() + 3 * WAIT
-            while recorder.calls.empty() and time.monotonic() < deadline:
-                try:
+            while True:
+                assert time.monotonic() < deadline, f"no callback and emission after the restart within {3 * WAIT} s"
+                with contextlib.suppress(rxmemory.RemoteError):
                     memory.raiseEvent("Py/Restart", "again")
-                except rxmemory.RemoteError:
-                    pass
-                try:
-                    recorder.calls.get(timeout=0.2)
-                    break
-                except queue.Empty:
-                    continue
-            else:
-                pytest.fail(f"no callback after the broker restart within {3 * WAIT} s")
-            assert take(emitted, "the emission after the restart") == "again"
+                with contextlib.suppress(queue.Empty):
+                    if emitted.get(timeout=0.2) == "again" and not recorder.calls.empty():
+                        break
             assert session.connected
     finally:
         broker.stop()
 
 
-def run_child(code, broker, **kwargs):
+# The children find the broker through $RXMEMORY_URL, as rxmemory.connect()
+# does by default.
+def run_child(code, broker):
     return subprocess.Popen([sys.executable, "-c", code], env={**os.environ, "RXMEMORY_URL": broker.url},
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **kwargs)
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
 
 def test_ctrl_c_interrupts_a_blocking_call(broker):
-    code = ("import rxmemory\n"
-            "memory = rxmemory.connect(timeout=120).service('RXMemory')\n"
-            "memory.insertData('Py/Never', 0)\n"
-            "try:\n"
-            "    print('calling', flush=True)\n"
-            "    memory.getDataOnChange('Py/Never', 0)\n"
-            "except KeyboardInterrupt:\n"
-            "    print('interrupted', flush=True)\n")
-    child = run_child(code, broker)
+    child = run_child("""
+import rxmemory
+memory = rxmemory.connect(timeout=120).service('RXMemory')
+memory.insertData('Py/Never', 0)
+try:
+    print('calling', flush=True)
+    memory.getDataOnChange('Py/Never', 0)
+except KeyboardInterrupt:
+    print('interrupted', flush=True)
+""", broker)
     assert child.stdout.readline() == "calling\n"
-    # Repeated: a signal landing just before the call enters its wait is
-    # handled by Python only at its next check.
+    # Signals only once the child sleeps in the call: one landing before it is
+    # handled by Python between two statements, which would prove nothing.
     deadline = time.monotonic() + WAIT
+    while open(f"/proc/{child.pid}/stat").read().rsplit(") ", 1)[1][0] != "S":
+        assert time.monotonic() < deadline, "the child did not block in its call"
+        time.sleep(0.001)
     while child.poll() is None and time.monotonic() < deadline:
         child.send_signal(signal.SIGINT)
-        try:
+        with contextlib.suppress(subprocess.TimeoutExpired):
             child.wait(timeout=0.5)
-        except subprocess.TimeoutExpired:
-            pass
     out, err = child.communicate(timeout=WAIT)
     assert out == "interrupted\n", err
 
 
 def test_exit_without_close_while_callbacks_flow(broker):
-    code = ("import rxmemory, threading\n"
-            "session = rxmemory.connect()\n"
-            "memory = session.service('RXMemory')\n"
-            "class Sink(rxmemory.Module):\n"
-            "    @rxmemory.method\n"
-            "    def onEvent(self, key, value, message): memory.getData('Py/Exit')\n"
-            "Sink(session, 'PyExitSink')\n"
-            "memory.insertData('Py/Exit', 1)\n"
-            "memory.subscribeToEvent('Py/Exit', 'PyExitSink', 'onEvent')\n"
-            "memory.subscriber('Py/Exit').signal.connect(lambda v: None)\n"
-            "other = rxmemory.connect().service('RXMemory')\n"
-            "def raise_forever():\n"
-            "    while True: other.raiseEvent('Py/Exit', 1)\n"
-            "threading.Thread(target=raise_forever, daemon=True).start()\n"
-            "for _ in range(200): memory.raiseEvent('Py/Exit', 2)\n"
-            "print('leaving', flush=True)\n")
-    child = run_child(code, broker)
+    child = run_child("""
+import rxmemory, threading
+session = rxmemory.connect()
+memory = session.service('RXMemory')
+class Sink(rxmemory.Module):
+    @rxmemory.method
+    def onEvent(self, key, value, message): memory.getData('Py/Exit')
+Sink(session, 'PyExitSink')
+memory.insertData('Py/Exit', 1)
+memory.subscribeToEvent('Py/Exit', 'PyExitSink', 'onEvent')
+memory.subscriber('Py/Exit').signal.connect(lambda v: None)
+other = rxmemory.connect().service('RXMemory')
+def raise_forever():
+    while True: other.raiseEvent('Py/Exit', 1)
+threading.Thread(target=raise_forever, daemon=True).start()
+for _ in range(200): memory.raiseEvent('Py/Exit', 2)
+print('leaving', flush=True)
+""", broker)
     out, err = child.communicate(timeout=3 * WAIT)
     assert (child.returncode, out) == (0, "leaving\n"), err
