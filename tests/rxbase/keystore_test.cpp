@@ -10,12 +10,6 @@
 namespace rxtest {
 namespace {
 
-RXValue list(std::initializer_list<RXValue> items) {
-  RXValue v = RXValue::array();
-  for (const RXValue& item : items) v.arrayPush(item);
-  return v;
-}
-
 // The values of a history, oldest first; every entry is [value, seconds, microseconds].
 std::string historyValues(const RXValue& history) {
   if (!history.isValid()) return "invalid";
