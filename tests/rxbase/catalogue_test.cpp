@@ -1,7 +1,6 @@
 // The published interface: every catalogue entry as callers and introspection
-// tools see it, and the memory reached through the framework (the generic
-// proxy and the session's object by name, RXMemoryProxy by uid, the self-test
-// that times the three).
+// tools see it, RXMemoryProxy calling each entry by uid, and the self-test
+// that times the three ways of calling.
 #include <future>
 #include <regex>
 #include <sstream>
@@ -12,12 +11,6 @@
 
 namespace rxtest {
 namespace {
-
-RXValue list(std::initializer_list<RXValue> items) {
-  RXValue v = RXValue::array();
-  for (const RXValue& item : items) v.arrayPush(item);
-  return v;
-}
 
 // One entry per line, texts character for character (the odd ones too:
 // "callbacMethod", "theircallback", "exiting subscribers", the description cut
@@ -125,26 +118,6 @@ TEST_F(CatalogueTest, EveryEntryIsPublishedInOrderWithItsTexts) {
 }
 
 using ProxyTest = MemoryTest;
-
-// Overloads are told apart by the kinds of the arguments: each lands with its kind.
-TEST_F(ProxyTest, GenericProxyAndSessionReachEachOverloadByName) {
-  boost::shared_ptr<RX::RXProxy> p = broker->getProxy("RXMemory", 0);
-  p->call<void>("insertData", S("i"), 5);
-  p->call<void>("insertData", S("f"), 2.5f);
-  p->call<void>("insertData", S("s"), S("text"));
-  p->call<void>("insertData", S("v"), list({RXValue("x"), RXValue(1)}));
-  EXPECT_EQ("5 2.5 \"text\" [\"x\", 1]", values({"i", "f", "s", "v"}));
-  EXPECT_TRUE(memory->getData("i").isInt() && memory->getData("f").isFloat());
-  EXPECT_EQ("getData|Data not found nope", errorOf([&] { p->call<RXValue>("getData", S("nope"), 1); }));
-  EXPECT_EQ("getDataOnChange|Empty data name cannot be found.",
-            errorOf([&] { p->call<RXValue>("getDataOnChange", S(""), 0); }));
-  // Other processes reach the module through the session's directory.
-  mz::AnyObject service = broker->session()->service("RXMemory").value();
-  service.call<void>("insertData", S("viaSession"), 3);
-  EXPECT_EQ(3, service.call<RXValue>("getData", S("viaSession")).toInt());
-  EXPECT_EQ("Data", service.call<S>("getType", S("viaSession")));
-  EXPECT_EQ("getData|Data not found gone", errorOf([&] { service.call<RXValue>("getData", S("gone")); }));
-}
 
 // Every published entry, called by uid, reaches the member it names (what
 // each member does is checked in the other files).

@@ -8,29 +8,24 @@ namespace {
 
 using LiveViewTest = MemoryTest;
 
-TEST_F(LiveViewTest, RowsAreSortedAndShowEveryValueAsText) {
-  memory->insertData("b", 1);
-  memory->setDescription("b", "<i>d</i>");
+// The browser test checks the order of rows, descriptions and the note of a
+// binary without companions; these are the texts it cannot provoke.
+TEST_F(LiveViewTest, RowsShowEveryValueAsText) {
   memory->insertData("a", std::string("<script>x</script>"));
   memory->insertData("bin", RXValue(RXValue::Binary{1, 2, 3}));
   memory->insertData("utf", std::string("\xc3\xa9 \xff\xc3"));
   memory->insertData("huge", std::string(5000, 'x'));
   memory->subscribeToEvent("ev", "SomeModule", "onEvent");
-  Names names;
   std::map<std::string, nlohmann::json> rows;
   for (nlohmann::json row : nlohmann::json::parse(memory->liveTableJson())) {
-    names.push_back(row["name"]);
     EXPECT_EQ(row["name"] != "ev", row["sec"] > 0) << row;  // "ev" was never written
     row.erase("sec");
     row.erase("usec");
     rows[row["name"]] = row;
   }
-  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
   const std::pair<const char*, const char*> cases[] = {
       {"a", R"({"name":"a","kind":"data","type":"string","value":"\"<script>x</script>\"","description":"",
                "subscribers":[]})"},
-      {"b",
-       R"({"name":"b","kind":"data","type":"int","value":"1","description":"<i>d</i>","subscribers":[]})"},
       {"bin", R"({"name":"bin","kind":"data","type":"binary","value":"<binary 3 bytes>","description":"",
                  "subscribers":[],"note":"binary value without its companion keys bin_type and bin_val"})"},
       {"utf", R"({"name":"utf","kind":"data","type":"string","value":"\"\u00e9 \\xFF\\xC3\"","description":"",

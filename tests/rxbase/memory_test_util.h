@@ -139,6 +139,12 @@ struct SignalLog : testsupport::Collector<std::string> {
   }
 };
 
+inline RXValue list(std::initializer_list<RXValue> items) {
+  RXValue v = RXValue::array();
+  for (const RXValue& item : items) v.arrayPush(item);
+  return v;
+}
+
 inline bool contains(const Names& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }

@@ -55,8 +55,6 @@ TEST_F(StatusPageTest, PageListsKeysByKindWithTheirSubscribers) {
                           row("a", "array", "[invalid]") + row("o", "", memory->getData("o").toString(1)) +
                           row("bin", "\"jpeg\" 3", "<binary 2 bytes>")),
       memory->httpGetList("Custom", {"b", "i", "f", "a", "o", "bin"}));
-  memory->insertData("orphan", RXValue(RX::RXValue::Binary{1}));
-  EXPECT_EQ("getData|Data not found orphan_type", errorOf([&] { (void)memory->httpGet(); }));
 }
 
 }  // namespace
