@@ -34,8 +34,8 @@ using Recorder = testsupport::Collector<RX::RXValue>;
 
 // Publishes `member` as method `name` of module `m`, one unnamed parameter per argument.
 template <class M, class R, class... A>
-void advertise(M* m, const std::string& name, R (M::*member)(A...), int mask = 0) {
-  m->functionName(name, m->getName(), "", mask);
+void advertise(M* m, const std::string& name, R (M::*member)(A...)) {
+  m->functionName(name, m->getName(), "", 0);
   for (std::size_t i = 0; i < sizeof...(A); ++i) m->addParam("p" + std::to_string(i), "");
   m->advertiseMethod(m->getCurrentMethodDescription(), m, member);
 }
@@ -47,8 +47,8 @@ struct Counter {
   ~Counter() { destroyed.set_value(); }
 };
 
-// The broker's module: values, errors, a raw-pointer method, a call back into
-// a client, object references and a signal.
+// The broker's module: errors, a call back into a client, object references
+// and a signal.
 class CalcModule : public RX::RXModule {
  public:
   explicit CalcModule(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Calc") {
@@ -58,17 +58,9 @@ class CalcModule : public RX::RXModule {
                                     true);
     (void)registered;
     setModuleDescription("Test module of the transport.");
-    advertise(this, "echo", &CalcModule::echo);
     advertise(this, "add", &CalcModule::add);
-    // Overloads told apart by argument kind only.
-    advertise(this, "kind", &CalcModule::kindInt);
-    advertise(this, "kind", &CalcModule::kindFloat);
-    advertise(this, "kind", &CalcModule::kindString);
-    advertise(this, "kind", &CalcModule::kindList);
-    advertise(this, "kind", &CalcModule::kindValue);
     advertise(this, "failRX", &CalcModule::failRX);
     advertise(this, "failStd", &CalcModule::failStd);
-    advertise(this, "getPtr", &CalcModule::getPtr, 4);  // 4: hands out an address, not for other processes
     advertise(this, "callClient", &CalcModule::callClient);
     advertise(this, "makeCounter", &CalcModule::makeCounter);
     advertise(this, "isCounter", &CalcModule::isCounter);
@@ -76,16 +68,9 @@ class CalcModule : public RX::RXModule {
     advertiseSignal("ticked", &ticked);
   }
 
-  RX::RXValue echo(const RX::RXValue& v) { return v; }
   int add(int a, int b) { return a + b; }
-  std::string kindInt(int) { return "int"; }
-  std::string kindFloat(float) { return "float"; }
-  std::string kindString(const std::string&) { return "string"; }
-  std::string kindList(const std::vector<std::string>&) { return "list"; }
-  std::string kindValue(const RX::RXValue&) { return "value"; }
   void failRX(const std::string& message) { RX_THROW("Calc", "failRX", message); }
   void failStd(const std::string& message) { throw std::runtime_error(message); }
-  void* getPtr() { return &ticked; }
   // Calls a method of a service, waiting for the result (the extractor case).
   RX::RXValue callClient(const std::string& service, const std::string& method, const RX::RXValue& argument) {
     return getParentBroker()->getProxy(service)->call<RX::RXValue>(method, argument);

@@ -1,10 +1,8 @@
 // Calls, posts and signals between a client process and a broker over real
-// sockets (TCP and Unix), in both directions: values of every kind,
-// overloads, errors, the refusal of raw-pointer methods, service lookup,
-// object references, and a broker method that calls back the very client
-// waiting for it.
-#include <climits>
-
+// sockets (TCP and Unix), in both directions, for what the memory's clients
+// do not reach end to end: errors a method raises, services appearing and
+// going, object references handed back and released, signals followed both
+// ways, and broker methods that call back the very client waiting for them.
 #include "transport_fixture.h"
 
 namespace nettest {
@@ -19,27 +17,9 @@ class Transport : public ::testing::TestWithParam<std::string> {
   boost::shared_ptr<RX::RXProxy> calc = client.broker->getProxy("Calc");
 };
 
-TEST_P(Transport, CallsCarryValuesAndErrorsAndPickTheOverloadByArgumentKinds) {
-  RX::RXValue nested = RX::RXValue::array(0);
-  nested.arrayPush(RX::RXValue(RX::RXValue::Binary{0, 1, 255}));
-  nested.arrayPush(RX::RXValue(std::vector<std::string>{"p", "q"}));
-  for (const RX::RXValue& v :
-       {RX::RXValue(), RX::RXValue(INT_MIN), RX::RXValue(3.4e38f), RX::RXValue("h\xc3\xa9llo \"q\" \\"),
-        RX::RXValue(std::string(200000, 'x')), nested}) {
-    const RX::RXValue back = calc->call<RX::RXValue>("echo", v);
-    EXPECT_TRUE(v == back && v.getType() == back.getType()) << v.toString().substr(0, 80);
-  }
-  EXPECT_EQ(-7, calc->call<int>("add", -10, 3));
-  // Twice each: the second call goes through the client's uid cache.
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ("int", calc->call<std::string>("kind", 1));
-    EXPECT_EQ("float", calc->call<std::string>("kind", 1.5f));
-    EXPECT_EQ("string", calc->call<std::string>("kind", std::string("s")));
-    EXPECT_EQ("list", calc->call<std::string>("kind", std::vector<std::string>{"a"}));
-    EXPECT_EQ("list", calc->call<std::string>("kind", std::vector<std::string>{}));
-    EXPECT_EQ("value", calc->call<std::string>("kind", true));
-    EXPECT_EQ("value", calc->call<std::string>("kind", nested));
-  }
+// Values and overloads are covered end to end by the memory's clients; what
+// is left here is what only a broker method can raise.
+TEST_P(Transport, CallsCarryErrors) {
   // An RXError keeps its module, method, message, and where it was raised.
   try {
     calc->call<void>("failRX", std::string("Data not found foo"));
@@ -49,52 +29,35 @@ TEST_P(Transport, CallsCarryValuesAndErrorsAndPickTheOverloadByArgumentKinds) {
     EXPECT_NE(std::string::npos, e.file().find("transport_fixture.h"));
     EXPECT_GT(e.line(), 0);
   }
-  // Any other exception arrives as a RemoteError with its text.
+  // Any other exception arrives as a RemoteError (its text is checked end to end).
   EXPECT_THROW(calc->call<void>("failStd", std::string("disk on fire")), net::RemoteError);
-  EXPECT_EQ("disk on fire", errorOf([&] { calc->call<void>("failStd", std::string("disk on fire")); }));
   EXPECT_EQ("Calc: no method named nope", errorOf([&] { calc->call<void>("nope", 1); }));
   EXPECT_EQ("Calc: no method add accepting (string, int)",
             errorOf([&] { calc->call<int>("add", std::string("x"), 1); }));
-  // Raw addresses mean nothing in another process.
-  EXPECT_THROW(calc->call<void>("getPtr"), RX::RXError);
-  EXPECT_EQ(
-      "Calc::getPtr: getPtr returns an address that is only valid inside the broker process and cannot be "
-      "called remotely",
-      errorOf([&] { calc->call<void>("getPtr"); }));
   // Arguments that cannot travel fail in the caller and leave the link usable.
   int local = 0;
   EXPECT_NE("(no exception)", errorOf([&] {
-              calc->genericCall("echo", {mz::AnyValue::fromOther(static_cast<void*>(&local))});
+              calc->genericCall("record", {mz::AnyValue::fromOther(static_cast<void*>(&local))});
             }));
   EXPECT_EQ(5, calc->call<int>("add", 2, 3));
   // A client's failure comes back to the broker's caller.
   EXPECT_EQ("Tool: no method named nope", errorOf([&] { broker->getProxy("Tool")->call<void>("nope"); }));
 }
 
-TEST_P(Transport, PostsKeepTheirOrderBothWays) {
+// Notifications towards a client keep their order end to end (the memory's
+// clients check it); posts from a client to the broker are checked here.
+TEST_P(Transport, PostsKeepTheirOrder) {
   const int kPosts = 1000;
   for (int i = 0; i < kPosts; ++i) calc->genericPost("record", {mz::AnyValue(i)});
   EXPECT_TRUE(receivedInOrder(side.calc->recorded, kPosts));
   // A post that can never run is dropped (and logged), as it would be locally:
   // posters take an exception for "the target has gone" only.
   EXPECT_EQ("(no exception)", errorOf([&] { calc->genericPost("nope", {}); }));
-
-  boost::shared_ptr<RX::RXProxy> remoteTool = broker->getProxy("Tool");
-  std::pair<int, int> notifyState{0, 0};
-  for (int i = 0; i < kPosts; ++i)
-    remoteTool->pCallNotify("onEvent", "key", RX::RXValue(i), RX::RXValue("msg"), &notifyState);
-  EXPECT_EQ(kPosts, notifyState.first);
-  EXPECT_TRUE(receivedInOrder(client.tool->events, kPosts));
 }
 
 TEST_P(Transport, FindServicesByName) {
   EXPECT_EQ("Module not found: Nope", errorOf([&] { client.broker->getProxy("Nope"); }));
-  EXPECT_EQ("Service not found: Nope", session->service("Nope").error());
   mz::AnyObject remote = session->service("Calc").value();
-  EXPECT_EQ("Test module of the transport.", remote.metaObject().description);
-  ASSERT_EQ(1u, remote.findMethod("getPtr").size());
-  EXPECT_EQ(4, remote.findMethod("getPtr")[0].mask);
-  EXPECT_EQ(5u, remote.findMethod("kind").size());
   EXPECT_EQ(0, remote.signalId("ticked"));
   // Both directories, with the broker's ids; local names are not repeated.
   std::vector<std::string> names;
@@ -122,17 +85,8 @@ TEST_P(Transport, ObjectReferencesTravelBothWaysAndAreReleased) {
   {
     mz::AnyObject counter = calc->call<mz::AnyObject>("makeCounter");
     destroyed = side.calc->lastCounter()->destroyed.get_future();
-    // Its catalogue did not come with it: it is asked for on first use.
-    EXPECT_EQ(0, counter.signalId("changed"));
-    Recorder changes;
-    mz::SignalLink link =
-        counter.connect("changed", [&](mz::AnyValue v) { changes.add(v.toRXValue()); }).value();
-    side.calc->lastCounter()->changed(mz::AnyValue(0));
-    side.calc->lastCounter()->changed(mz::AnyValue(1));
-    EXPECT_TRUE(receivedInOrder(changes, 2));
     // Handed back, the reference is the broker's own object again.
     EXPECT_TRUE(calc->call<bool>("isCounter", counter));
-    counter.disconnect(link).waitAndCheck();
   }
   EXPECT_EQ(std::future_status::ready, destroyed.wait_for(kWait)) << "the broker still holds the Counter";
 }
@@ -178,14 +132,13 @@ TEST_P(Transport, SignalsAreFollowedAndEmittedBothWays) {
 }
 
 TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
-  // The extractor case: the client waits in Calc.callClient while the broker
-  // calls the client's Tool.subscribe, whose reply the broker must read.
+  // The client waits in Calc.callClient while the broker calls the client's
+  // Tool.askBroker, which calls Calc.add while both outer calls wait; from
+  // several client threads at once. (One level, the extractor case, is
+  // checked end to end.)
   const auto callClient = [&](const std::string& method, const RX::RXValue& argument) {
     return calc->call<RX::RXValue>("callClient", std::string("Tool"), method, argument);
   };
-  EXPECT_EQ("subscribed x", callClient("subscribe", RX::RXValue("x")).toString(0));
-  // Deeper: Tool.askBroker calls Calc.add while both outer calls wait; from
-  // several client threads at once.
   std::vector<std::future<int>> results;
   for (int t = 0; t < 4; ++t)
     results.push_back(std::async(std::launch::async, [&, t] {
