@@ -172,7 +172,7 @@ TEST_F(CliE2E, CommandsPrintExactlyAndFailuresSayWhatWentWrongAndWhatThereIs) {
   EXPECT_NE(std::string::npos, ok({"events"}).find("\nev/Bump\n"));
   EXPECT_NE(std::string::npos, ok({"descriptions"}).find("ev/data (data): seven, as a test\n"));
 
-  // Times are local and readable (their JSON form: text_test).
+  // Times are local and readable (their JSON form: cli_test).
   const std::string stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )";
   EXPECT_TRUE(
       std::regex_match(ok({"history", "ev/Bump"}), std::regex(stamp + "1\n" + stamp + R"(\[2, "x"\]\n)")));
