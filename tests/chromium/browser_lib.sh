@@ -2,10 +2,12 @@
 # chromedriver with a headless Chromium session, WebDriver commands, and the
 # cleanup of all of it at exit. Every wait is bounded.
 
+# shellcheck source=../support/testlib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../support/testlib.sh"
 chromium_bin=$(command -v chromium || command -v chromium-browser || true)
-[ -n "$chromium_bin" ] || { echo "SKIPPED: chromium not installed (scripts/install-deps installs it)"; exit 77; }
+[ -n "$chromium_bin" ] || skip "chromium not installed (scripts/install-deps installs it)"
 for tool in chromedriver curl jq; do
-  command -v "$tool" >/dev/null 2>&1 || { echo "SKIPPED: $tool not installed (scripts/install-deps installs it)"; exit 77; }
+  command -v "$tool" >/dev/null 2>&1 || skip "$tool not installed (scripts/install-deps installs it)"
 done
 
 work=$(mktemp -d /tmp/rxchromium-XXXXXX)
@@ -22,22 +24,6 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
-
-# poll SECONDS COMMAND...: runs COMMAND until it succeeds; returns 1 once
-# SECONDS have passed without.
-poll() {
-  local deadline=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ $SECONDS -lt $deadline ] || return 1
-    sleep 0.05
-  done
-}
 
 # start_broker RXBROKER: rxbroker on ports the system picks; sets $url (its
 # endpoint) and $http (its HTTP pages, no trailing slash).

@@ -1,13 +1,10 @@
 #!/usr/bin/env bash
-# The status pages in headless Chromium, driven through WebDriver: rxbroker on
-# free ports, its memory filled through the rxmemory command line, then the
-# exact Content-Security-Policy of the memory page and of the live view; in
-# the browser, the memory page's style applies and the <script> value runs on
-# no page; the live view is sorted, notes a binary key without its companion
-# keys, shows an event raised from the command line within two seconds,
-# flashing, then changes it in place, and filters. Writes a screenshot.
-# Usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]
-# Exits 77 (skipped) when Chromium, chromedriver, curl or jq is missing.
+# The status pages in headless Chromium through WebDriver, against rxbroker
+# filled by the rxmemory command line: each page's exact security policy, its
+# style applied and no injected script run; the live view sorted, noting, live
+# (within 2 s, flashing, in place) and filtering. Writes a screenshot.
+# Usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]; exits 77
+# (skipped) when Chromium, chromedriver, curl or jq is missing.
 set -euo pipefail
 
 cli_bin=${2:?usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]}

@@ -1,17 +1,15 @@
 #!/usr/bin/env bash
-# The product as a user gets it: installed into a fresh prefix, the examples
-# and the README's program built against that prefix (find_package and
-# pkg-config), the installed broker started from there with an example module
-# found by name, each example run against it, and the Debian package's
-# contents checked. Nothing installed may name the build tree.
+# The product as a user gets it: installed into a fresh prefix that names no
+# build tree, examples and the README's program built against it, its broker
+# serving them, and the Debian package's contents.
 # Usage: install_test.sh BUILD_DIR SOURCE_DIR. Exits 77 (skipped) when a tool is missing.
 set -uo pipefail
 
 build=$(cd "$1" && pwd -P)
 src=$(cd "$2" && pwd -P)
 
-skip() { echo "SKIPPED: $*"; exit 77; }
-fail() { echo "FAILED: $*"; exit 1; }
+# shellcheck source=../support/testlib.sh
+. "$(dirname "$0")/../support/testlib.sh"
 
 for tool in cmake cpack pkg-config readelf strings dpkg-deb dpkg-shlibdeps dpkg c++ curl; do
   command -v "$tool" >/dev/null || skip "$tool is not installed (scripts/install-deps installs it)"
@@ -86,14 +84,7 @@ pc_build "$work/readme" "$work/readme.cpp"
 pc_build "$work/pc_client" "$src/examples/client/client.cpp"
 
 # ---- The installed broker ----
-# wait_line FILE TEXT: waits (at most 20 s) until a program writes TEXT to FILE.
-wait_line() {
-  local tries=400
-  until grep -qF "$2" "$1"; do
-    ((--tries)) || return 1
-    sleep 0.05
-  done
-}
+wait_line() { poll 20 grep -qF "$2" "$1"; }  # wait_line FILE TEXT
 start_broker() {  # start_broker NAME ARGS...
   "$prefix/bin/rxbroker" ${http_args:---no-http} "${@:2}" >"$work/$1.out" 2>"$work/$1.err" &
   brokers+=($!)
