@@ -1,19 +1,22 @@
-// RXBroker, RXBrokerManager, RXProxy posting and the executor under them:
-// lookup by name, ordered posted calls, queue caps, exit and shutdown.
+// Brokers and their modules: publication, proxies, ordered posted calls, queue caps, the executor
+// under them, exit and shutdown. The catalogue texts are checked on the memory (tests/rxbase).
+#include <gtest/gtest.h>
+
 #include <array>
 #include <atomic>
+#include <boost/make_shared.hpp>
 #include <future>
+#include <mutex>
 #include <numeric>
 #include <regex>
 #include <thread>
 
-#include <boost/make_shared.hpp>
-#include <gtest/gtest.h>
-
 #include "mz/session.h"
 #include "rx/rxbroker.h"
 #include "rx/rxbrokermanager.h"
+#include "rx/rxerror.h"
 #include "rx/rxexecutor.h"
+#include "rx/rxfunctor.h"
 #include "rx/rxmemorybudget.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
@@ -31,23 +34,33 @@ struct Latch {
   std::shared_future<void> released{release.get_future().share()};
   void hold() {
     started.set_value();
-    if (released.wait_for(kWait) != std::future_status::ready) ADD_FAILURE() << "the latch was never released";
+    if (released.wait_for(kWait) != std::future_status::ready)
+      ADD_FAILURE() << "the latch was never released";
   }
   // Posts hold() (to a queue, or however `post` does it) and waits until it runs.
   void holdQueue(const std::function<void()>& post) {
     post();
-    ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait)) << "the holding task never ran";
+    ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait))
+        << "the holding task never ran";
   }
   void holdQueue(RX::SerialQueue& queue) {
     holdQueue([&] { queue.post([this] { hold(); }); });
   }
 };
 
-// A subscriber-like module: onEvent(key, value, message) collects the value;
-// block() holds its queue on the latch; exit() is recorded in `exits`.
+// A module with the shapes the memory publishes: insertData overloads told apart by the kind
+// of their second argument, a read that throws RXError, onEvent(key, value, message) that
+// collects the value, block() that holds its queue on the latch; exit() is recorded in `exits`.
 class Sink : public RX::RXModule {
  public:
   Sink(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
+    setModuleDescription("Stores <values> & more");
+    publishInsert<int>("Inserts an int");
+    publishInsert<float>("Inserts a float");
+    functionName("getData", "Store", "Gets a value", 0);
+    addParam("key", "Name of the value.");
+    setReturn("data", "The data as an RXValue.");
+    advertiseMethod(getCurrentMethodDescription(), this, &Sink::getData);
     functionName("onEvent", "Sink", "Receives a notification", 0);
     addParam("key", "key");
     addParam("value", "value");
@@ -57,6 +70,16 @@ class Sink : public RX::RXModule {
     advertiseMethod(getCurrentMethodDescription(), this, &Sink::block);
   }
   ~Sink() override { destroyed->store(true); }
+  template <typename T>
+  void insertData(const std::string& key, T v) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    last_ = key + "=" + RXValue(v).toString();
+  }
+  RXValue getData(const std::string& key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (last_.rfind(key + "=", 0) != 0) RX_THROW("Store", "getData", "Data not found " + key);
+    return RXValue(last_);
+  }
   void onEvent(const std::string& key, const RXValue& value, const RXValue& message) {
     if (destroyed->load()) ADD_FAILURE() << "a call ran on a destroyed module";
     if (hasExited()) ADD_FAILURE() << "a notification arrived after the module exited";
@@ -71,6 +94,17 @@ class Sink : public RX::RXModule {
   std::shared_ptr<std::vector<std::string>> exits;
   std::shared_ptr<testsupport::Collector<int>> received = std::make_shared<testsupport::Collector<int>>();
   std::shared_ptr<std::atomic<bool>> destroyed = std::make_shared<std::atomic<bool>>(false);
+
+ private:
+  template <typename T>
+  void publishInsert(const std::string& description) {
+    functionName("insertData", "Store", description, 0);
+    addParam("key", "Name of the value.");
+    addParam("value", description);
+    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<T>));
+  }
+  std::mutex mutex_;
+  std::string last_;  // guarded by mutex_
 };
 
 // A broker with one registered Sink whose queue is held by block() until its latch is released.
@@ -93,7 +127,8 @@ TEST(RXBroker, ProxiesPostInOrderUntilTheModuleExits) {
   std::pair<int, int> state(0, 0);
   h.notify(0, 999, &state);
   h.sink->latch->release.set_value();
-  ASSERT_TRUE(h.sink->received->waitFor(1000)) << "only " << h.sink->received->size() << " of 1000 posts arrived";
+  ASSERT_TRUE(h.sink->received->waitFor(1000))
+      << "only " << h.sink->received->size() << " of 1000 posts arrived";
   std::vector<int> expected(1000);
   std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(expected, h.sink->received->items()) << "posts arrived out of order";
@@ -118,7 +153,8 @@ TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
   EXPECT_TRUE(manager->getBrokers().empty() && broker->getBrokerManager().expired());
   manager->addBroker(broker);
   manager.reset();
-  EXPECT_TRUE(broker->getBrokerManager().expired()) << "the broker's reference must not keep the manager alive";
+  EXPECT_TRUE(broker->getBrokerManager().expired())
+      << "the broker's reference must not keep the manager alive";
   broker->shutdown();
 }
 
@@ -207,7 +243,8 @@ TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
       if (i % 2)
         queue->post([token, id, &order] { order.push_back(id); });
       else
-        queue->post([token, id, &order, padding = std::array<char, 200>()] { order.push_back(id + padding[0]); });
+        queue->post(
+            [token, id, &order, padding = std::array<char, 200>()] { order.push_back(id + padding[0]); });
       if (i >= 10) expected.push_back(id);
     }
     latch.release.set_value();
@@ -269,7 +306,8 @@ TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder
     ranOn = std::this_thread::get_id();
     order.push_back("inline");
     queue->post([&] { order.push_back("posted meanwhile"); });
-    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); })) << "the queue is busy with this task";
+    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); }))
+        << "the queue is busy with this task";
   }));
   EXPECT_EQ(std::this_thread::get_id(), ranOn);
   Latch latch;
@@ -292,7 +330,8 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   auto received = sink->received;
   mz::AnyObject handle = sink->weakObject();
   latch->holdQueue([&] { handle.post("block", {}); });
-  for (int i = 0; i < 10; ++i) handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(i), mz::AnyValue("m")});
+  for (int i = 0; i < 10; ++i)
+    handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(i), mz::AnyValue("m")});
   sink.reset();  // the running block() still holds the module
   EXPECT_FALSE(destroyed->load());
   latch->release.set_value();
@@ -301,7 +340,8 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   EXPECT_EQ(0u, received->size()) << "calls ran after the last owner let go";
   EXPECT_EQ(1u, handle.findMethod("onEvent").size()) << "the catalogue stays readable";
   EXPECT_EQ("module Sink has gone away", errorOf([&] { handle.call("block", {}); }));
-  EXPECT_THROW(handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(1), mz::AnyValue("m")}), mz::ObjectGoneError);
+  EXPECT_THROW(handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(1), mz::AnyValue("m")}),
+               mz::ObjectGoneError);
 }
 
 TEST(RXBroker, ShutdownDeliversPendingPostsThenExitsModulesInReverseOrderAndReleasesThem) {
@@ -340,9 +380,98 @@ TEST(RXBroker, ShutdownDeliversPendingPostsThenExitsModulesInReverseOrderAndRele
 TEST(MemoryBudgetTest, TheRefusalNamesBothFigures) {
   RX::MemoryBudget tight(1);
   const std::string text = errorOf([] { RX::MemoryBudget::check("RXMemory", "insertData"); });
-  EXPECT_TRUE(std::regex_search(text, std::regex("^RXMemory::insertData: memory limit reached: resident [1-9][0-9]* "
-                                                 "bytes over maxMemory 1 bytes")))
+  EXPECT_TRUE(
+      std::regex_search(text, std::regex("^RXMemory::insertData: memory limit reached: resident [1-9][0-9]* "
+                                         "bytes over maxMemory 1 bytes")))
       << text;
+}
+
+struct ModuleFixture : ::testing::Test {
+  void SetUp() override { store->initModule(); }
+  void TearDown() override { broker->shutdown(); }
+  boost::shared_ptr<RX::RXBroker> broker = RX::RXBroker::create("test-broker");
+  boost::shared_ptr<Sink> store = boost::make_shared<Sink>(broker, "Store");
+};
+
+// Through a proxy: overloads by argument kind, RXError whole, and base
+// operations that are not published.
+TEST_F(ModuleFixture, ProxyCallsReachOverloadsByKindOrNameWhatDidNotMatch) {
+  boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Store");
+  p->call<void>("insertData", std::string("k"), 1.5f);
+  EXPECT_EQ(RXValue("k=1.5"), p->call<RXValue>("getData", std::string("k")));
+  mz::GenericFunctionParameters args{mz::AnyValue(std::string("k")), mz::AnyValue(7)};
+  p->callById(p->resolve("insertData", args), args);
+  EXPECT_EQ(RXValue("k=7"), p->call<RXValue>("getData", std::string("k")));
+  try {
+    p->call<RXValue>("getData", std::string("missing"));
+    ADD_FAILURE() << "getData of a missing key did not throw";
+  } catch (const RX::RXError& e) {
+    EXPECT_EQ("Store|getData|Data not found missing", e.module() + "|" + e.method() + "|" + e.message());
+  }
+  EXPECT_EQ("Store: no method named exit", errorOf([&] { p->call<void>("exit"); }));
+  EXPECT_THROW((void)p->resolve("insertData", {mz::AnyValue(1), mz::AnyValue(2)}), mz::MethodNotFoundError);
+  EXPECT_EQ("Stores <values> & more", p->object().metaObject().description);
+}
+
+TEST_F(ModuleFixture, PublicationMistakesAreRefused) {
+  auto broken = boost::make_shared<Sink>(broker, "Broken");
+  broken->functionName("getData", "Store", "Gets a value", 0);
+  broken->addParam("key", "k");
+  broken->addParam("extra", "e");
+  EXPECT_EQ("Broken::bindMethodOverload: method getData: the functor takes 1 parameters but 2 were described",
+            errorOf([&] { broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData)); }));
+  // A described method is published once; describing starts over with functionName.
+  broken->functionName("getData", "Store", "Gets a value", 0);
+  broken->addParam("key", "k");
+  broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData));
+  EXPECT_EQ(6u, broken->methods().size());
+  EXPECT_THROW(broken->addParam("late", "after publication"), RX::RXError);
+  EXPECT_THROW(broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData)), RX::RXError);
+}
+
+TEST(RXFunctorBase, DefaultCallLogsAndLeavesTheResult) {
+  struct Unimplemented : RX::RXFunctorBase {
+  } functor;
+  testsupport::LogLines log("rxcommon.RXFunctor");
+  RXValue result(42);
+  EXPECT_NO_THROW(functor.call(RXValue(std::vector<std::string>{"x"}), result));
+  EXPECT_EQ(RXValue(42), result);
+  EXPECT_EQ("error: RXFunctor::call not implemented", log.joined());
+}
+
+TEST_F(ModuleFixture, LifecycleRegistersAndExitForgetsEverywhere) {
+  EXPECT_EQ(std::vector<std::string>{"Store"}, broker->moduleNames());
+  EXPECT_EQ(store, broker->getModule("Store"));
+  EXPECT_EQ(broker, store->getParentBroker());
+  // The directory's handle and a fresh weak handle designate the same module.
+  EXPECT_EQ(broker->session()->service("Store").value(), store->weakObject());
+  // A second module of the same name is refused and leaves the first alone.
+  EXPECT_THROW(boost::make_shared<Sink>(broker, "Store")->initModule(), std::runtime_error);
+  EXPECT_EQ(store, broker->getModule("Store"));
+
+  boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Store");
+  store->exit();
+  store->exit();  // idempotent
+  EXPECT_TRUE(store->hasExited() && !store->isRegistered());
+  EXPECT_TRUE(broker->moduleNames().empty());
+  EXPECT_TRUE(broker->session()->service("Store").hasError());
+  EXPECT_THROW(broker->getProxy("Store"), RX::ModuleNotFoundError);
+  // A proxy taken earlier now says that the module is gone.
+  EXPECT_EQ("module Store has gone away", errorOf([&] { p->call<void>("insertData", std::string("k"), 1); }));
+  EXPECT_THROW(p->genericPost("insertData", {mz::AnyValue(std::string("k")), mz::AnyValue(1)}),
+               mz::ObjectGoneError);
+  EXPECT_THROW(store->initModule(), RX::RXError);
+}
+
+TEST_F(ModuleFixture, BaseOperationsVersionExecuteAndAnEscapedPage) {
+  EXPECT_EQ("0.1.0", store->version());
+  EXPECT_EQ("Store::execute: no command reboot", errorOf([&] { store->execute("reboot", RXValue()); }));
+  const std::string page = store->httpGet();
+  for (const std::string& part :
+       {std::string("<h1>Store</h1>"), std::string("Stores &lt;values&gt; &amp; more"),
+        std::string("The data as an RXValue."), store->methods()[2].signature()})
+    EXPECT_NE(std::string::npos, page.find(part)) << part << " not in\n" << page;
+  EXPECT_EQ(std::string::npos, page.find("<values>")) << "the description was not escaped";
 }
 
 }  // namespace
