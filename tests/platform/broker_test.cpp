@@ -6,7 +6,6 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <future>
-#include <mutex>
 #include <numeric>
 #include <regex>
 #include <thread>
@@ -14,9 +13,7 @@
 #include "mz/session.h"
 #include "rx/rxbroker.h"
 #include "rx/rxbrokermanager.h"
-#include "rx/rxerror.h"
 #include "rx/rxexecutor.h"
-#include "rx/rxfunctor.h"
 #include "rx/rxmemorybudget.h"
 #include "rx/rxmodule.h"
 #include "rx/rxproxy.h"
@@ -70,13 +67,12 @@ class Sink : public RX::RXModule {
     advertiseMethod(getCurrentMethodDescription(), this, &Sink::block);
   }
   ~Sink() override { destroyed->store(true); }
+  // Calls through a proxy return once they ran: last_ needs no lock.
   template <typename T>
   void insertData(const std::string& key, T v) {
-    std::lock_guard<std::mutex> lock(mutex_);
     last_ = key + "=" + RXValue(v).toString();
   }
   RXValue getData(const std::string& key) {
-    std::lock_guard<std::mutex> lock(mutex_);
     if (last_.rfind(key + "=", 0) != 0) RX_THROW("Store", "getData", "Data not found " + key);
     return RXValue(last_);
   }
@@ -103,8 +99,7 @@ class Sink : public RX::RXModule {
     addParam("value", description);
     bindMethodOverload(RX::createFunctor(this, &Sink::insertData<T>));
   }
-  std::mutex mutex_;
-  std::string last_;  // guarded by mutex_
+  std::string last_;
 };
 
 // A broker with one registered Sink whose queue is held by block() until its latch is released.
@@ -122,26 +117,7 @@ struct HeldSink {
   boost::shared_ptr<RX::RXProxy> proxy;
 };
 
-TEST(RXBroker, ProxiesPostInOrderUntilTheModuleExits) {
-  HeldSink h;
-  std::pair<int, int> state(0, 0);
-  h.notify(0, 999, &state);
-  h.sink->latch->release.set_value();
-  ASSERT_TRUE(h.sink->received->waitFor(1000))
-      << "only " << h.sink->received->size() << " of 1000 posts arrived";
-  std::vector<int> expected(1000);
-  std::iota(expected.begin(), expected.end(), 0);
-  EXPECT_EQ(expected, h.sink->received->items()) << "posts arrived out of order";
-  h.sink->exit();
-  EXPECT_EQ("module Sink has gone away", errorOf([&] { h.notify(1, 1, &state); }));
-  EXPECT_EQ(std::make_pair(1000, 0), state) << "a failed post was counted";
-  h.broker->shutdown();
-  EXPECT_TRUE(h.broker->isShutDown());
-  EXPECT_THROW(h.broker->registerModule(boost::make_shared<Sink>(h.broker, "Late")), std::runtime_error);
-}
-
-// The instance made when none is installed is checked on the memory's start
-// (tests/rxbase); here, what the memory does not use.
+// The installed instance is checked on the memory's start (tests/rxbase).
 TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
   auto manager = boost::make_shared<RX::RXBrokerManager>();
   auto broker = RX::RXBroker::create("managed");
@@ -183,8 +159,7 @@ std::string fromPoolThread(RX::SerialQueue& queue, const std::function<void()>& 
   return result.wait_for(kWait) == std::future_status::ready ? result.get() : "(never ran)";
 }
 
-// Shutdown runs what is pending (past a throwing task) and refuses new
-// tasks; closing a queue drops what is pending in it.
+// Shutdown runs pending tasks past a throwing one; closing a queue drops them.
 TEST(RXExecutor, ShutdownRunsPendingTasksCloseDropsThemAndBothRefuseNewOnes) {
   auto executor = std::make_shared<RX::RXExecutor>(1);
   EXPECT_EQ(2u, executor->threadCount());
@@ -226,9 +201,8 @@ TEST(RXExecutor, ShutdownRunsPendingTasksCloseDropsThemAndBothRefuseNewOnes) {
   executor->shutdown();  // idempotent
 }
 
-// Tasks small enough to sit in the queue's ring and large ones kept aside go
-// through the same ring: in order across its growth and wrap-around, the
-// oldest dropped when full, each captured object released exactly once.
+// Small tasks sit in the queue's ring, large ones are kept aside: both keep their order across
+// the ring's growth and wrap-around, and each capture is released exactly once.
 TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
   auto executor = std::make_shared<RX::RXExecutor>();
   std::shared_ptr<RX::SerialQueue> queue = executor->makeQueue("Q", 40);
@@ -255,15 +229,13 @@ TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
   EXPECT_EQ(1, token.use_count()) << "a task's captures outlived it, or were released twice";
 }
 
-// A drain job that empties its queue watches it for a moment before giving
-// its thread back; posts landing before, during and just after that watch
-// must all run, in order, and drain() must wait for every one of them.
+// A drain job that empties its queue watches it for a moment before giving its thread back:
+// posts landing before, during and after that watch all run, in order, and drain() waits for them.
 TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) {
   auto executor = std::make_shared<RX::RXExecutor>(2);
   std::vector<std::shared_ptr<RX::SerialQueue>> queues;
   for (int q = 0; q < 3; ++q) queues.push_back(executor->makeQueue("Q" + std::to_string(q)));
-  // One task at a time, each posted a little later after the previous one
-  // ran, so that posts fall on every moment of the idle watch and after it.
+  // Each task posted a little later after the previous one ran, to hit every moment of the watch.
   testsupport::Collector<int> ran;
   for (int i = 0; i < 3000; ++i) {
     for (auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(i % 60);
@@ -295,8 +267,7 @@ TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) 
   executor->shutdown();
 }
 
-// A reader of posts may run a post itself when its queue is idle; never
-// around tasks that wait or run, and what is posted meanwhile runs after it.
+// A reader of posts runs a post itself only when its queue is idle; what is posted meanwhile waits.
 TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder) {
   auto executor = std::make_shared<RX::RXExecutor>();
   std::shared_ptr<RX::SerialQueue> queue = executor->makeQueue("Q");
@@ -344,7 +315,7 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
                mz::ObjectGoneError);
 }
 
-TEST(RXBroker, ShutdownDeliversPendingPostsThenExitsModulesInReverseOrderAndReleasesThem) {
+TEST(RXBroker, ShutdownDeliversPendingPostsInOrderThenExitsModulesInReverseOrderAndReleasesThem) {
   HeldSink h;
   auto exits = std::make_shared<std::vector<std::string>>();
   std::vector<boost::weak_ptr<RX::RXModule>> watch{h.sink};
@@ -356,27 +327,30 @@ TEST(RXBroker, ShutdownDeliversPendingPostsThenExitsModulesInReverseOrderAndRele
   }
   EXPECT_EQ((std::vector<std::string>{"Sink", "Second", "Third"}), h.broker->moduleNames());
   // The held queue keeps the notifications pending when the stop begins.
-  h.notify(0, 99);
+  std::pair<int, int> state(0, 0);
+  h.notify(0, 999, &state);
   auto received = h.sink->received;
   auto latch = h.sink->latch;
   h.sink.reset();
-  h.proxy.reset();
   std::thread stopper([&] { h.broker->shutdown(); });
   EXPECT_TRUE(testsupport::pollUntil([&] { return h.broker->isShutDown(); })) << "shutdown did not start";
   latch->release.set_value();
   stopper.join();
-  ASSERT_EQ(100u, received->size()) << "shutdown dropped pending notifications";
-  EXPECT_EQ(99, received->items().back());
+  std::vector<int> expected(1000);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(expected, received->items()) << "shutdown dropped or reordered pending notifications";
   EXPECT_EQ((std::vector<std::string>{"Third", "Second"}), *exits);
   EXPECT_TRUE(h.broker->moduleNames().empty());
   EXPECT_TRUE(h.broker->session()->services().empty());
   for (const auto& w : watch) EXPECT_TRUE(w.expired());
   EXPECT_TRUE(h.broker->executor().isStopped());
+  EXPECT_EQ("module Sink has gone away", errorOf([&] { h.notify(1, 1, &state); }));
+  EXPECT_EQ(std::make_pair(1000, 0), state) << "a failed post was counted";
+  EXPECT_THROW(h.broker->registerModule(boost::make_shared<Sink>(h.broker, "Late")), std::runtime_error);
   h.broker->shutdown();  // idempotent
 }
 
-// The memory's writes check the refusal and its start (tests/rxbase); the
-// figures at the end of the text are checked here.
+// The memory's writes check the start of the refusal (tests/rxbase), this the figures.
 TEST(MemoryBudgetTest, TheRefusalNamesBothFigures) {
   RX::MemoryBudget tight(1);
   const std::string text = errorOf([] { RX::MemoryBudget::check("RXMemory", "insertData"); });
@@ -386,16 +360,12 @@ TEST(MemoryBudgetTest, TheRefusalNamesBothFigures) {
       << text;
 }
 
-struct ModuleFixture : ::testing::Test {
-  void SetUp() override { store->initModule(); }
-  void TearDown() override { broker->shutdown(); }
-  boost::shared_ptr<RX::RXBroker> broker = RX::RXBroker::create("test-broker");
-  boost::shared_ptr<Sink> store = boost::make_shared<Sink>(broker, "Store");
-};
-
-// Through a proxy: overloads by argument kind, RXError whole, and base
-// operations that are not published.
-TEST_F(ModuleFixture, ProxyCallsReachOverloadsByKindOrNameWhatDidNotMatch) {
+// One registered module through its life: calls through a proxy by argument kind, RXError
+// whole, base operations that are not published, its page, then exit.
+TEST(RXModule, PublishedCallsBaseOperationsPageAndExit) {
+  auto broker = RX::RXBroker::create("test-broker");
+  auto store = boost::make_shared<Sink>(broker, "Store");
+  store->initModule();
   boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Store");
   p->call<void>("insertData", std::string("k"), 1.5f);
   EXPECT_EQ(RXValue("k=1.5"), p->call<RXValue>("getData", std::string("k")));
@@ -411,10 +381,37 @@ TEST_F(ModuleFixture, ProxyCallsReachOverloadsByKindOrNameWhatDidNotMatch) {
   EXPECT_EQ("Store: no method named exit", errorOf([&] { p->call<void>("exit"); }));
   EXPECT_THROW((void)p->resolve("insertData", {mz::AnyValue(1), mz::AnyValue(2)}), mz::MethodNotFoundError);
   EXPECT_EQ("Stores <values> & more", p->object().metaObject().description);
+  EXPECT_EQ("0.1.0", store->version());
+  EXPECT_EQ("Store::execute: no command reboot", errorOf([&] { store->execute("reboot", RXValue()); }));
+  const std::string page = store->httpGet();
+  for (const std::string& part :
+       {std::string("<h1>Store</h1>"), std::string("Stores &lt;values&gt; &amp; more"),
+        std::string("The data as an RXValue."), store->methods()[2].signature()})
+    EXPECT_NE(std::string::npos, page.find(part)) << part << " not in\n" << page;
+  EXPECT_EQ(std::string::npos, page.find("<values>")) << "the description was not escaped";
+
+  EXPECT_EQ(broker, store->getParentBroker());
+  // The directory's handle and a fresh weak handle designate the same module.
+  EXPECT_EQ(broker->session()->service("Store").value(), store->weakObject());
+  // A second module of the same name is refused and leaves the first alone.
+  EXPECT_THROW(boost::make_shared<Sink>(broker, "Store")->initModule(), std::runtime_error);
+  EXPECT_EQ(store, broker->getModule("Store"));
+  store->exit();
+  store->exit();  // idempotent
+  EXPECT_TRUE(store->hasExited() && !store->isRegistered());
+  EXPECT_TRUE(broker->moduleNames().empty());
+  EXPECT_TRUE(broker->session()->service("Store").hasError());
+  EXPECT_THROW(broker->getProxy("Store"), RX::ModuleNotFoundError);
+  // A proxy taken earlier now says that the module is gone.
+  EXPECT_EQ("module Store has gone away", errorOf([&] { p->call<void>("insertData", std::string("k"), 1); }));
+  EXPECT_THROW(p->genericPost("insertData", {mz::AnyValue(std::string("k")), mz::AnyValue(1)}),
+               mz::ObjectGoneError);
+  EXPECT_THROW(store->initModule(), RX::RXError);
+  broker->shutdown();
 }
 
-TEST_F(ModuleFixture, PublicationMistakesAreRefused) {
-  auto broken = boost::make_shared<Sink>(broker, "Broken");
+TEST(RXModule, PublicationMistakesAreRefused) {
+  auto broken = boost::make_shared<Sink>(RX::RXBroker::create("test-broker"), "Broken");
   broken->functionName("getData", "Store", "Gets a value", 0);
   broken->addParam("key", "k");
   broken->addParam("extra", "e");
@@ -437,41 +434,6 @@ TEST(RXFunctorBase, DefaultCallLogsAndLeavesTheResult) {
   EXPECT_NO_THROW(functor.call(RXValue(std::vector<std::string>{"x"}), result));
   EXPECT_EQ(RXValue(42), result);
   EXPECT_EQ("error: RXFunctor::call not implemented", log.joined());
-}
-
-TEST_F(ModuleFixture, LifecycleRegistersAndExitForgetsEverywhere) {
-  EXPECT_EQ(std::vector<std::string>{"Store"}, broker->moduleNames());
-  EXPECT_EQ(store, broker->getModule("Store"));
-  EXPECT_EQ(broker, store->getParentBroker());
-  // The directory's handle and a fresh weak handle designate the same module.
-  EXPECT_EQ(broker->session()->service("Store").value(), store->weakObject());
-  // A second module of the same name is refused and leaves the first alone.
-  EXPECT_THROW(boost::make_shared<Sink>(broker, "Store")->initModule(), std::runtime_error);
-  EXPECT_EQ(store, broker->getModule("Store"));
-
-  boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Store");
-  store->exit();
-  store->exit();  // idempotent
-  EXPECT_TRUE(store->hasExited() && !store->isRegistered());
-  EXPECT_TRUE(broker->moduleNames().empty());
-  EXPECT_TRUE(broker->session()->service("Store").hasError());
-  EXPECT_THROW(broker->getProxy("Store"), RX::ModuleNotFoundError);
-  // A proxy taken earlier now says that the module is gone.
-  EXPECT_EQ("module Store has gone away", errorOf([&] { p->call<void>("insertData", std::string("k"), 1); }));
-  EXPECT_THROW(p->genericPost("insertData", {mz::AnyValue(std::string("k")), mz::AnyValue(1)}),
-               mz::ObjectGoneError);
-  EXPECT_THROW(store->initModule(), RX::RXError);
-}
-
-TEST_F(ModuleFixture, BaseOperationsVersionExecuteAndAnEscapedPage) {
-  EXPECT_EQ("0.1.0", store->version());
-  EXPECT_EQ("Store::execute: no command reboot", errorOf([&] { store->execute("reboot", RXValue()); }));
-  const std::string page = store->httpGet();
-  for (const std::string& part :
-       {std::string("<h1>Store</h1>"), std::string("Stores &lt;values&gt; &amp; more"),
-        std::string("The data as an RXValue."), store->methods()[2].signature()})
-    EXPECT_NE(std::string::npos, page.find(part)) << part << " not in\n" << page;
-  EXPECT_EQ(std::string::npos, page.find("<values>")) << "the description was not escaped";
 }
 
 }  // namespace
