@@ -45,15 +45,20 @@ struct Latch {
   }
 };
 
-// A module with the shapes the memory publishes: insertData overloads told apart by the kind
-// of their second argument, a read that throws RXError, onEvent(key, value, message) that
-// collects the value, block() that holds its queue on the latch; exit() is recorded in `exits`.
+// The shapes the memory publishes: insertData overloads told apart by the value's kind, a read
+// that throws RXError, notifications collected in `received`; block() holds the queue.
 class Sink : public RX::RXModule {
  public:
   Sink(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
     setModuleDescription("Stores <values> & more");
-    publishInsert<int>("Inserts an int");
-    publishInsert<float>("Inserts a float");
+    functionName("insertData", "Store", "Inserts an int", 0);
+    addParam("key", "Name of the value.");
+    addParam("value", "The int.");
+    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<int>));
+    functionName("insertData", "Store", "Inserts a float", 0);
+    addParam("key", "Name of the value.");
+    addParam("value", "The float.");
+    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<float>));
     functionName("getData", "Store", "Gets a value", 0);
     addParam("key", "Name of the value.");
     setReturn("data", "The data as an RXValue.");
@@ -67,14 +72,14 @@ class Sink : public RX::RXModule {
     advertiseMethod(getCurrentMethodDescription(), this, &Sink::block);
   }
   ~Sink() override { destroyed->store(true); }
-  // Calls through a proxy return once they ran: last_ needs no lock.
+  // Calls through a proxy return once they ran: `last` needs no lock.
   template <typename T>
   void insertData(const std::string& key, T v) {
-    last_ = key + "=" + RXValue(v).toString();
+    last = key + "=" + RXValue(v).toString();
   }
   RXValue getData(const std::string& key) {
-    if (last_.rfind(key + "=", 0) != 0) RX_THROW("Store", "getData", "Data not found " + key);
-    return RXValue(last_);
+    if (last.rfind(key + "=", 0) != 0) RX_THROW("Store", "getData", "Data not found " + key);
+    return RXValue(last);
   }
   void onEvent(const std::string& key, const RXValue& value, const RXValue& message) {
     if (destroyed->load()) ADD_FAILURE() << "a call ran on a destroyed module";
@@ -91,15 +96,7 @@ class Sink : public RX::RXModule {
   std::shared_ptr<testsupport::Collector<int>> received = std::make_shared<testsupport::Collector<int>>();
   std::shared_ptr<std::atomic<bool>> destroyed = std::make_shared<std::atomic<bool>>(false);
 
- private:
-  template <typename T>
-  void publishInsert(const std::string& description) {
-    functionName("insertData", "Store", description, 0);
-    addParam("key", "Name of the value.");
-    addParam("value", description);
-    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<T>));
-  }
-  std::string last_;
+  std::string last;  // the last insertion, "key=value"
 };
 
 // A broker with one registered Sink whose queue is held by block() until its latch is released.
@@ -360,8 +357,7 @@ TEST(MemoryBudgetTest, TheRefusalNamesBothFigures) {
       << text;
 }
 
-// One registered module through its life: calls through a proxy by argument kind, RXError
-// whole, base operations that are not published, its page, then exit.
+// One registered module through its life: calls through a proxy, base operations, page, exit.
 TEST(RXModule, PublishedCallsBaseOperationsPageAndExit) {
   auto broker = RX::RXBroker::create("test-broker");
   auto store = boost::make_shared<Sink>(broker, "Store");

@@ -35,7 +35,7 @@ mz::MetaMethod method(const std::string& name, std::vector<ParamType> kinds,
 // Names itself in error messages, as modules do, and records which of its methods were reached.
 class NamedObject : public mz::DynamicObject {
  public:
-  explicit NamedObject(std::string name) : name_(std::move(name)) {}
+  explicit NamedObject(std::string name) : name(std::move(name)) {}
   // Publishes name(Args...) as a method that records `tag` when reached.
   template <typename... Args>
   unsigned int add(const std::string& name, const std::string& tag) {
@@ -47,13 +47,9 @@ class NamedObject : public mz::DynamicObject {
   mz::AnyObject handle() {
     return mz::AnyObject(std::shared_ptr<mz::GenericObject>(this, [](mz::GenericObject*) {}));
   }
+  std::string objectName() const override { return name; }
+  const std::string name;
   std::vector<std::string> hit;
-
- protected:
-  std::string objectName() const override { return name_; }
-
- private:
-  std::string name_;
 };
 
 TEST(MetaMethod, SignatureTextNamesEveryKind) {
@@ -84,11 +80,8 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
   pairs.arrayPush(RX::RXValue(std::vector<std::string>{"k", "v"}));
   mixed.arrayPush(RX::RXValue(1));
   int x = 0;
-  const struct {
-    std::string name;
-    mz::GenericFunctionParameters args;
-    std::string outcome;  // the tag reached, or the error
-  } cases[] = {
+  // The method, its arguments, and the tag reached or the error.
+  const std::tuple<std::string, Params, std::string> cases[] = {
       {"set", {AnyValue("k"), AnyValue(3)}, "set float"},
       {"set", {AnyValue("k"), AnyValue(true)}, "Kinds: no method set accepting (string, bool)"},
       {"take", {AnyValue(std::vector<std::string>{"a", "b"})}, "list"},
@@ -102,23 +95,22 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
       {"set", {AnyValue("k")}, "Kinds: no method set accepting (string)"},
       {"foo", {}, "Kinds: no method named foo"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [name, args, outcome] : cases) {
     o.hit.clear();
-    const std::string error = errorOf([&] { o.metaCall(c.name, c.args); });
-    EXPECT_EQ(c.outcome, o.hit.empty() ? error : o.hit.at(0))
-        << c.name << mz::MetaObject::describeArguments(c.args);
-    const int uid = o.metaObject().resolve(c.name, c.args);
+    const std::string error = errorOf([&] { o.metaCall(name, args); });
+    EXPECT_EQ(outcome, o.hit.empty() ? error : o.hit.at(0))
+        << name << mz::MetaObject::describeArguments(args);
+    const int uid = o.metaObject().resolve(name, args);
     ASSERT_EQ(o.hit.empty(), uid < 0) << "the catalogue's resolution disagrees with the call by name";
     if (uid < 0) continue;
-    o.metaCallById(static_cast<unsigned int>(uid), c.args);
-    EXPECT_EQ(c.outcome, o.hit.back()) << "the catalogue's resolution disagrees with the call by name";
+    o.metaCallById(static_cast<unsigned int>(uid), args);
+    EXPECT_EQ(outcome, o.hit.back()) << "the catalogue's resolution disagrees with the call by name";
   }
   EXPECT_THROW(o.metaCall("foo", {}), mz::MethodNotFoundError);
   EXPECT_EQ(4u, o.handle().findMethod("take").size());
   EXPECT_EQ("(invalid, pointer, int, float, bool, string)",
             mz::MetaObject::describeArguments({AnyValue(), AnyValue::fromOther(static_cast<void*>(nullptr)),
                                                AnyValue(1), AnyValue(1.5f), AnyValue(false), AnyValue("s")}));
-  // Invokers check their arguments; unknown ids are refused.
   const unsigned int add =
       o.advertiseMethod(method("add", {ParamType::Int, ParamType::Int}, ParamType::Int),
                         mz::makeInvoker<int, int, int>([](int a, int b) { return a + b; }));
@@ -143,7 +135,7 @@ TEST(DynamicObject, PostRunsAtOnceOrThroughThePosterMovesItsArgumentsAndLogsFail
                       if (v < 0) throw std::runtime_error("negative note");
                       o.hit.push_back(std::to_string(v));
                     }));
-  o.advertiseMethod(method("take", {ParamType::Value}), [&](const mz::GenericFunctionParameters& p) {
+  o.advertiseMethod(method("take", {ParamType::Value}), [&](const Params& p) {
     if (p.size() == 1 && p[0].otherAs<CopyCounted>()) o.hit.push_back("taken");
     return AnyValue();
   });
@@ -156,11 +148,11 @@ TEST(DynamicObject, PostRunsAtOnceOrThroughThePosterMovesItsArgumentsAndLogsFail
   EXPECT_THROW(o.metaPost("note", {AnyValue("x")}), mz::MethodNotFoundError);
   auto copies = std::make_shared<int>(0);
   auto params = [&] {
-    mz::GenericFunctionParameters p;  // not an initializer list: that would copy
+    Params p;  // not an initializer list: that would copy
     p.push_back(AnyValue::fromOther(CopyCounted(copies)));
     return p;
   };
-  mz::GenericFunctionParameters kept = params(), given = params();
+  Params kept = params(), given = params();
   *copies = 0;
   o.handle().post("take", kept);
   EXPECT_EQ(1, *copies) << "arguments the caller keeps are copied once";
@@ -185,7 +177,7 @@ TEST(DynamicObject, CatalogueReplacedBySetMetaObjectIsResolvedAfresh) {
   for (unsigned int uid = 0; uid < meta.methods.size(); ++uid) meta.methods[uid].uid = uid;
   o.setMetaObject(meta);
   for (unsigned int uid = 0; uid < meta.methods.size(); ++uid)
-    o.setInvoker(uid, [uid, &o](const mz::GenericFunctionParameters&) {
+    o.setInvoker(uid, [uid, &o](const Params&) {
       o.hit.push_back("uid " + std::to_string(uid));
       return AnyValue();
     });
@@ -213,8 +205,6 @@ TEST(AnyObject, NullHandleRefusesEverything) {
   };
   for (const auto& use : uses) EXPECT_EQ("This object is null", errorOf(use));
 }
-
-// ---- Signals by name, on a DynamicObject and on a registered C++ type ----
 
 struct Widget {
   mz::SignalF<void(AnyValue)> signal;

@@ -24,10 +24,7 @@ RXValue list(std::vector<RXValue> items) {
 
 TEST(RXValueTest, EveryKindHasItsCodeNameTextAndSize) {
   const unsigned char bytes[] = {0, 1, 255};
-  const struct {
-    RXValue v;
-    std::string kind, text;
-  } cases[] = {
+  const std::tuple<RXValue, std::string, std::string> cases[] = {
       {RXValue(), "0 invalid 0", "invalid"},
       {list({RXValue(1), RXValue("a"), list({RXValue(true)})}), "1 array 3", "[1, \"a\", [true]]"},
       {RXValue(false), "2 bool 0", "false"},
@@ -40,10 +37,10 @@ TEST(RXValueTest, EveryKindHasItsCodeNameTextAndSize) {
       {RXValue(mz::AnyObject()), "6 object 0", "<object>"},
       {RXValue(bytes, sizeof bytes), "7 binary 3", "<binary 3 bytes>"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.text, c.v.toString());
-    EXPECT_EQ(c.kind, std::to_string(c.v.getType()) + " " + RXValue::TypeToString(c.v.getType()) + " " +
-                          std::to_string(c.v.getSize()));
+  for (const auto& [v, kind, text] : cases) {
+    EXPECT_EQ(text, v.toString());
+    EXPECT_EQ(kind, std::to_string(v.getType()) + " " + RXValue::TypeToString(v.getType()) + " " +
+                        std::to_string(v.getSize()));
   }
   // Verbosity 0 leaves strings unquoted; floats read back to the same float.
   EXPECT_EQ("[1, say \"hi\"]", list({RXValue(1), RXValue("say \"hi\"")}).toString(0));
@@ -142,9 +139,8 @@ TEST(RXValueTest, EqualityComparesKindAndContent) {
   EXPECT_EQ(RXValue("a"), RXValue(std::string("a")));
 }
 
-// Modules hand out getPtrValue() addresses: assigning a value of the same kind,
-// copied or moved, writes into the existing storage (an invalid value's address
-// receives its first scalar). Copies are deep; self-assignment is safe.
+// Modules hand out getPtrValue() addresses: a value of the same kind, copied or moved, is written
+// into the existing storage (an invalid value's receives its first scalar).
 TEST(RXValueTest, AssignmentKeepsTheStorageOfTheSameKindAndCopiesDeep) {
   const std::pair<RXValue, RXValue> cases[] = {
       {RXValue(1), RXValue(7)},
@@ -206,8 +202,7 @@ TEST(RXErrorTest, WhatCarriesModuleMethodMessageAndPlace) {
   }
 }
 
-// Lists and maps travel as arrays (of pairs, in key order); objects, pointers
-// and C++ values keep their identity.
+// Lists and maps travel as arrays (maps as pairs in key order); handles keep their identity.
 TEST(AnyValueTest, ContainersTravelAsArraysAndHandlesKeepTheirIdentity) {
   const std::vector<std::string> list{"a", "b"};
   EXPECT_EQ("[\"a\", \"b\"]", AnyValue(list).toRXValue().toString());
