@@ -37,8 +37,7 @@ struct Latch {
   // Posts hold() (to a queue, or however `post` does it) and waits until it runs.
   void holdQueue(const std::function<void()>& post) {
     post();
-    ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait))
-        << "the holding task never ran";
+    ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait)) << "holding task never ran";
   }
   void holdQueue(RX::SerialQueue& queue) {
     holdQueue([&] { queue.post([this] { hold(); }); });
@@ -126,8 +125,7 @@ TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
   EXPECT_TRUE(manager->getBrokers().empty() && broker->getBrokerManager().expired());
   manager->addBroker(broker);
   manager.reset();
-  EXPECT_TRUE(broker->getBrokerManager().expired())
-      << "the broker's reference must not keep the manager alive";
+  EXPECT_TRUE(broker->getBrokerManager().expired()) << "the broker kept the manager alive";
   broker->shutdown();
 }
 
@@ -274,8 +272,7 @@ TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder
     ranOn = std::this_thread::get_id();
     order.push_back("inline");
     queue->post([&] { order.push_back("posted meanwhile"); });
-    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); }))
-        << "the queue is busy with this task";
+    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); })) << "busy with this task";
   }));
   EXPECT_EQ(std::this_thread::get_id(), ranOn);
   Latch latch;

@@ -112,8 +112,7 @@ TEST(RXValueTest, ArraysGrowShrinkAndCheckIndexes) {
   RXValue invalid, str("abc");
   EXPECT_THROW((void)invalid[0], RX::RXError);
   EXPECT_THROW(str.arraySetSize(2), RX::RXError);
-  EXPECT_EQ("invalid \"abc\"", invalid.toString() + " " + str.toString())
-      << "a failed index changed the value";
+  EXPECT_EQ("invalid \"abc\"", invalid.toString() + " " + str.toString()) << "changed by a failed index";
   // Pushing the array into itself, or one of its own elements, copies first.
   RXValue self = list({RXValue(1)});
   self.arrayPush(self);
