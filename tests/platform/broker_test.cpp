@@ -383,7 +383,6 @@ TEST(RXModule, PublishedCallsBaseOperationsPageAndExit) {
     EXPECT_NE(std::string::npos, page.find(part)) << part << " not in\n" << page;
   EXPECT_EQ(std::string::npos, page.find("<values>")) << "the description was not escaped";
 
-  EXPECT_EQ(broker, store->getParentBroker());
   // The directory's handle and a fresh weak handle designate the same module.
   EXPECT_EQ(broker->session()->service("Store").value(), store->weakObject());
   // A second module of the same name is refused and leaves the first alone.

@@ -93,6 +93,9 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
       {"take", {AnyValue(mixed)}, "Kinds: no method take accepting (array)"},
       {"take", {AnyValue::fromOther(&x)}, "Kinds: no method take accepting (int*)"},
       {"set", {AnyValue("k")}, "Kinds: no method set accepting (string)"},
+      {"set",
+       {AnyValue(), AnyValue::fromOther(static_cast<void*>(nullptr)), AnyValue(1), AnyValue(1.5f)},
+       "Kinds: no method set accepting (invalid, pointer, int, float)"},
       {"foo", {}, "Kinds: no method named foo"},
   };
   for (const auto& [name, args, outcome] : cases) {
@@ -108,9 +111,6 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
   }
   EXPECT_THROW(o.metaCall("foo", {}), mz::MethodNotFoundError);
   EXPECT_EQ(4u, o.handle().findMethod("take").size());
-  EXPECT_EQ("(invalid, pointer, int, float, bool, string)",
-            mz::MetaObject::describeArguments({AnyValue(), AnyValue::fromOther(static_cast<void*>(nullptr)),
-                                               AnyValue(1), AnyValue(1.5f), AnyValue(false), AnyValue("s")}));
   const unsigned int add =
       o.advertiseMethod(method("add", {ParamType::Int, ParamType::Int}, ParamType::Int),
                         mz::makeInvoker<int, int, int>([](int a, int b) { return a + b; }));
