@@ -1,14 +1,14 @@
-// RXBroker, RXBrokerManager, RXProxy posting and the executor under them:
-// lookup by name, ordered posted calls, queue caps, exit and shutdown.
+// Brokers and their modules: publication, proxies, ordered posted calls, queue caps, the executor
+// under them, exit and shutdown. The catalogue texts are checked on the memory (tests/rxbase).
+#include <gtest/gtest.h>
+
 #include <array>
 #include <atomic>
+#include <boost/make_shared.hpp>
 #include <future>
 #include <numeric>
 #include <regex>
 #include <thread>
-
-#include <boost/make_shared.hpp>
-#include <gtest/gtest.h>
 
 #include "mz/session.h"
 #include "rx/rxbroker.h"
@@ -31,23 +31,37 @@ struct Latch {
   std::shared_future<void> released{release.get_future().share()};
   void hold() {
     started.set_value();
-    if (released.wait_for(kWait) != std::future_status::ready) ADD_FAILURE() << "the latch was never released";
+    if (released.wait_for(kWait) != std::future_status::ready)
+      ADD_FAILURE() << "the latch was never released";
   }
   // Posts hold() (to a queue, or however `post` does it) and waits until it runs.
   void holdQueue(const std::function<void()>& post) {
     post();
-    ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait)) << "the holding task never ran";
+    ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait)) << "holding task never ran";
   }
   void holdQueue(RX::SerialQueue& queue) {
     holdQueue([&] { queue.post([this] { hold(); }); });
   }
 };
 
-// A subscriber-like module: onEvent(key, value, message) collects the value;
-// block() holds its queue on the latch; exit() is recorded in `exits`.
+// The shapes the memory publishes: insertData overloads told apart by the value's kind, a read
+// that throws RXError, notifications collected in `received`; block() holds the queue.
 class Sink : public RX::RXModule {
  public:
   Sink(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
+    setModuleDescription("Stores <values> & more");
+    functionName("insertData", "Store", "Inserts an int", 0);
+    addParam("key", "Name of the value.");
+    addParam("value", "The int.");
+    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<int>));
+    functionName("insertData", "Store", "Inserts a float", 0);
+    addParam("key", "Name of the value.");
+    addParam("value", "The float.");
+    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<float>));
+    functionName("getData", "Store", "Gets a value", 0);
+    addParam("key", "Name of the value.");
+    setReturn("data", "The data as an RXValue.");
+    advertiseMethod(getCurrentMethodDescription(), this, &Sink::getData);
     functionName("onEvent", "Sink", "Receives a notification", 0);
     addParam("key", "key");
     addParam("value", "value");
@@ -57,6 +71,15 @@ class Sink : public RX::RXModule {
     advertiseMethod(getCurrentMethodDescription(), this, &Sink::block);
   }
   ~Sink() override { destroyed->store(true); }
+  // Calls through a proxy return once they ran: `last` needs no lock.
+  template <typename T>
+  void insertData(const std::string& key, T v) {
+    last = key + "=" + RXValue(v).toString();
+  }
+  RXValue getData(const std::string& key) {
+    if (last.rfind(key + "=", 0) != 0) RX_THROW("Store", "getData", "Data not found " + key);
+    return RXValue(last);
+  }
   void onEvent(const std::string& key, const RXValue& value, const RXValue& message) {
     if (destroyed->load()) ADD_FAILURE() << "a call ran on a destroyed module";
     if (hasExited()) ADD_FAILURE() << "a notification arrived after the module exited";
@@ -71,6 +94,8 @@ class Sink : public RX::RXModule {
   std::shared_ptr<std::vector<std::string>> exits;
   std::shared_ptr<testsupport::Collector<int>> received = std::make_shared<testsupport::Collector<int>>();
   std::shared_ptr<std::atomic<bool>> destroyed = std::make_shared<std::atomic<bool>>(false);
+
+  std::string last;  // the last insertion, "key=value"
 };
 
 // A broker with one registered Sink whose queue is held by block() until its latch is released.
@@ -88,25 +113,7 @@ struct HeldSink {
   boost::shared_ptr<RX::RXProxy> proxy;
 };
 
-TEST(RXBroker, ProxiesPostInOrderUntilTheModuleExits) {
-  HeldSink h;
-  std::pair<int, int> state(0, 0);
-  h.notify(0, 999, &state);
-  h.sink->latch->release.set_value();
-  ASSERT_TRUE(h.sink->received->waitFor(1000)) << "only " << h.sink->received->size() << " of 1000 posts arrived";
-  std::vector<int> expected(1000);
-  std::iota(expected.begin(), expected.end(), 0);
-  EXPECT_EQ(expected, h.sink->received->items()) << "posts arrived out of order";
-  h.sink->exit();
-  EXPECT_EQ("module Sink has gone away", errorOf([&] { h.notify(1, 1, &state); }));
-  EXPECT_EQ(std::make_pair(1000, 0), state) << "a failed post was counted";
-  h.broker->shutdown();
-  EXPECT_TRUE(h.broker->isShutDown());
-  EXPECT_THROW(h.broker->registerModule(boost::make_shared<Sink>(h.broker, "Late")), std::runtime_error);
-}
-
-// The instance made when none is installed is checked on the memory's start
-// (tests/rxbase); here, what the memory does not use.
+// The installed instance is checked on the memory's start (tests/rxbase).
 TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
   auto manager = boost::make_shared<RX::RXBrokerManager>();
   auto broker = RX::RXBroker::create("managed");
@@ -118,7 +125,7 @@ TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
   EXPECT_TRUE(manager->getBrokers().empty() && broker->getBrokerManager().expired());
   manager->addBroker(broker);
   manager.reset();
-  EXPECT_TRUE(broker->getBrokerManager().expired()) << "the broker's reference must not keep the manager alive";
+  EXPECT_TRUE(broker->getBrokerManager().expired()) << "the broker kept the manager alive";
   broker->shutdown();
 }
 
@@ -147,8 +154,7 @@ std::string fromPoolThread(RX::SerialQueue& queue, const std::function<void()>& 
   return result.wait_for(kWait) == std::future_status::ready ? result.get() : "(never ran)";
 }
 
-// Shutdown runs what is pending (past a throwing task) and refuses new
-// tasks; closing a queue drops what is pending in it.
+// Shutdown runs pending tasks past a throwing one; closing a queue drops them.
 TEST(RXExecutor, ShutdownRunsPendingTasksCloseDropsThemAndBothRefuseNewOnes) {
   auto executor = std::make_shared<RX::RXExecutor>(1);
   EXPECT_EQ(2u, executor->threadCount());
@@ -190,9 +196,8 @@ TEST(RXExecutor, ShutdownRunsPendingTasksCloseDropsThemAndBothRefuseNewOnes) {
   executor->shutdown();  // idempotent
 }
 
-// Tasks small enough to sit in the queue's ring and large ones kept aside go
-// through the same ring: in order across its growth and wrap-around, the
-// oldest dropped when full, each captured object released exactly once.
+// Small tasks sit in the queue's ring, large ones are kept aside: both keep their order across
+// the ring's growth and wrap-around, and each capture is released exactly once.
 TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
   auto executor = std::make_shared<RX::RXExecutor>();
   std::shared_ptr<RX::SerialQueue> queue = executor->makeQueue("Q", 40);
@@ -207,7 +212,8 @@ TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
       if (i % 2)
         queue->post([token, id, &order] { order.push_back(id); });
       else
-        queue->post([token, id, &order, padding = std::array<char, 200>()] { order.push_back(id + padding[0]); });
+        queue->post(
+            [token, id, &order, padding = std::array<char, 200>()] { order.push_back(id + padding[0]); });
       if (i >= 10) expected.push_back(id);
     }
     latch.release.set_value();
@@ -218,15 +224,13 @@ TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
   EXPECT_EQ(1, token.use_count()) << "a task's captures outlived it, or were released twice";
 }
 
-// A drain job that empties its queue watches it for a moment before giving
-// its thread back; posts landing before, during and just after that watch
-// must all run, in order, and drain() must wait for every one of them.
+// A drain job that empties its queue watches it for a moment before giving its thread back:
+// posts landing before, during and after that watch all run, in order, and drain() waits for them.
 TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) {
   auto executor = std::make_shared<RX::RXExecutor>(2);
   std::vector<std::shared_ptr<RX::SerialQueue>> queues;
   for (int q = 0; q < 3; ++q) queues.push_back(executor->makeQueue("Q" + std::to_string(q)));
-  // One task at a time, each posted a little later after the previous one
-  // ran, so that posts fall on every moment of the idle watch and after it.
+  // Each task posted a little later after the previous one ran, to hit every moment of the watch.
   testsupport::Collector<int> ran;
   for (int i = 0; i < 3000; ++i) {
     for (auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(i % 60);
@@ -258,8 +262,7 @@ TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) 
   executor->shutdown();
 }
 
-// A reader of posts may run a post itself when its queue is idle; never
-// around tasks that wait or run, and what is posted meanwhile runs after it.
+// A reader of posts runs a post itself only when its queue is idle; what is posted meanwhile waits.
 TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder) {
   auto executor = std::make_shared<RX::RXExecutor>();
   std::shared_ptr<RX::SerialQueue> queue = executor->makeQueue("Q");
@@ -269,7 +272,7 @@ TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder
     ranOn = std::this_thread::get_id();
     order.push_back("inline");
     queue->post([&] { order.push_back("posted meanwhile"); });
-    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); })) << "the queue is busy with this task";
+    EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("nested"); })) << "busy with this task";
   }));
   EXPECT_EQ(std::this_thread::get_id(), ranOn);
   Latch latch;
@@ -292,7 +295,8 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   auto received = sink->received;
   mz::AnyObject handle = sink->weakObject();
   latch->holdQueue([&] { handle.post("block", {}); });
-  for (int i = 0; i < 10; ++i) handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(i), mz::AnyValue("m")});
+  for (int i = 0; i < 10; ++i)
+    handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(i), mz::AnyValue("m")});
   sink.reset();  // the running block() still holds the module
   EXPECT_FALSE(destroyed->load());
   latch->release.set_value();
@@ -301,10 +305,11 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   EXPECT_EQ(0u, received->size()) << "calls ran after the last owner let go";
   EXPECT_EQ(1u, handle.findMethod("onEvent").size()) << "the catalogue stays readable";
   EXPECT_EQ("module Sink has gone away", errorOf([&] { handle.call("block", {}); }));
-  EXPECT_THROW(handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(1), mz::AnyValue("m")}), mz::ObjectGoneError);
+  EXPECT_THROW(handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(1), mz::AnyValue("m")}),
+               mz::ObjectGoneError);
 }
 
-TEST(RXBroker, ShutdownDeliversPendingPostsThenExitsModulesInReverseOrderAndReleasesThem) {
+TEST(RXBroker, ShutdownDeliversPendingPostsInOrderThenExitsModulesInReverseOrderAndReleasesThem) {
   HeldSink h;
   auto exits = std::make_shared<std::vector<std::string>>();
   std::vector<boost::weak_ptr<RX::RXModule>> watch{h.sink};
@@ -316,33 +321,111 @@ TEST(RXBroker, ShutdownDeliversPendingPostsThenExitsModulesInReverseOrderAndRele
   }
   EXPECT_EQ((std::vector<std::string>{"Sink", "Second", "Third"}), h.broker->moduleNames());
   // The held queue keeps the notifications pending when the stop begins.
-  h.notify(0, 99);
+  std::pair<int, int> state(0, 0);
+  h.notify(0, 999, &state);
   auto received = h.sink->received;
   auto latch = h.sink->latch;
   h.sink.reset();
-  h.proxy.reset();
   std::thread stopper([&] { h.broker->shutdown(); });
   EXPECT_TRUE(testsupport::pollUntil([&] { return h.broker->isShutDown(); })) << "shutdown did not start";
   latch->release.set_value();
   stopper.join();
-  ASSERT_EQ(100u, received->size()) << "shutdown dropped pending notifications";
-  EXPECT_EQ(99, received->items().back());
+  std::vector<int> expected(1000);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(expected, received->items()) << "shutdown dropped or reordered pending notifications";
   EXPECT_EQ((std::vector<std::string>{"Third", "Second"}), *exits);
   EXPECT_TRUE(h.broker->moduleNames().empty());
   EXPECT_TRUE(h.broker->session()->services().empty());
   for (const auto& w : watch) EXPECT_TRUE(w.expired());
   EXPECT_TRUE(h.broker->executor().isStopped());
+  EXPECT_EQ("module Sink has gone away", errorOf([&] { h.notify(1, 1, &state); }));
+  EXPECT_EQ(std::make_pair(1000, 0), state) << "a failed post was counted";
+  EXPECT_THROW(h.broker->registerModule(boost::make_shared<Sink>(h.broker, "Late")), std::runtime_error);
   h.broker->shutdown();  // idempotent
 }
 
-// The memory's writes check the refusal and its start (tests/rxbase); the
-// figures at the end of the text are checked here.
+// The memory's writes check the start of the refusal (tests/rxbase), this the figures.
 TEST(MemoryBudgetTest, TheRefusalNamesBothFigures) {
   RX::MemoryBudget tight(1);
   const std::string text = errorOf([] { RX::MemoryBudget::check("RXMemory", "insertData"); });
-  EXPECT_TRUE(std::regex_search(text, std::regex("^RXMemory::insertData: memory limit reached: resident [1-9][0-9]* "
-                                                 "bytes over maxMemory 1 bytes")))
+  EXPECT_TRUE(
+      std::regex_search(text, std::regex("^RXMemory::insertData: memory limit reached: resident [1-9][0-9]* "
+                                         "bytes over maxMemory 1 bytes")))
       << text;
+}
+
+// One registered module through its life: calls through a proxy, base operations, page, exit.
+TEST(RXModule, PublishedCallsBaseOperationsPageAndExit) {
+  auto broker = RX::RXBroker::create("test-broker");
+  auto store = boost::make_shared<Sink>(broker, "Store");
+  store->initModule();
+  boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Store");
+  p->call<void>("insertData", std::string("k"), 1.5f);
+  EXPECT_EQ(RXValue("k=1.5"), p->call<RXValue>("getData", std::string("k")));
+  mz::GenericFunctionParameters args{mz::AnyValue(std::string("k")), mz::AnyValue(7)};
+  p->callById(p->resolve("insertData", args), args);
+  EXPECT_EQ(RXValue("k=7"), p->call<RXValue>("getData", std::string("k")));
+  try {
+    p->call<RXValue>("getData", std::string("missing"));
+    ADD_FAILURE() << "getData of a missing key did not throw";
+  } catch (const RX::RXError& e) {
+    EXPECT_EQ("Store|getData|Data not found missing", e.module() + "|" + e.method() + "|" + e.message());
+  }
+  EXPECT_EQ("Store: no method named exit", errorOf([&] { p->call<void>("exit"); }));
+  EXPECT_THROW((void)p->resolve("insertData", {mz::AnyValue(1), mz::AnyValue(2)}), mz::MethodNotFoundError);
+  EXPECT_EQ("Stores <values> & more", p->object().metaObject().description);
+  EXPECT_EQ("0.1.0", store->version());
+  EXPECT_EQ("Store::execute: no command reboot", errorOf([&] { store->execute("reboot", RXValue()); }));
+  const std::string page = store->httpGet();
+  for (const std::string& part :
+       {std::string("<h1>Store</h1>"), std::string("Stores &lt;values&gt; &amp; more"),
+        std::string("The data as an RXValue."), store->methods()[2].signature()})
+    EXPECT_NE(std::string::npos, page.find(part)) << part << " not in\n" << page;
+  EXPECT_EQ(std::string::npos, page.find("<values>")) << "the description was not escaped";
+
+  // The directory's handle and a fresh weak handle designate the same module.
+  EXPECT_EQ(broker->session()->service("Store").value(), store->weakObject());
+  // A second module of the same name is refused and leaves the first alone.
+  EXPECT_THROW(boost::make_shared<Sink>(broker, "Store")->initModule(), std::runtime_error);
+  EXPECT_EQ(store, broker->getModule("Store"));
+  store->exit();
+  store->exit();  // idempotent
+  EXPECT_TRUE(store->hasExited() && !store->isRegistered());
+  EXPECT_TRUE(broker->moduleNames().empty());
+  EXPECT_TRUE(broker->session()->service("Store").hasError());
+  EXPECT_THROW(broker->getProxy("Store"), RX::ModuleNotFoundError);
+  // A proxy taken earlier now says that the module is gone.
+  EXPECT_EQ("module Store has gone away", errorOf([&] { p->call<void>("insertData", std::string("k"), 1); }));
+  EXPECT_THROW(p->genericPost("insertData", {mz::AnyValue(std::string("k")), mz::AnyValue(1)}),
+               mz::ObjectGoneError);
+  EXPECT_THROW(store->initModule(), RX::RXError);
+  broker->shutdown();
+}
+
+TEST(RXModule, PublicationMistakesAreRefused) {
+  auto broken = boost::make_shared<Sink>(RX::RXBroker::create("test-broker"), "Broken");
+  broken->functionName("getData", "Store", "Gets a value", 0);
+  broken->addParam("key", "k");
+  broken->addParam("extra", "e");
+  EXPECT_EQ("Broken::bindMethodOverload: method getData: the functor takes 1 parameters but 2 were described",
+            errorOf([&] { broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData)); }));
+  // A described method is published once; describing starts over with functionName.
+  broken->functionName("getData", "Store", "Gets a value", 0);
+  broken->addParam("key", "k");
+  broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData));
+  EXPECT_EQ(6u, broken->methods().size());
+  EXPECT_THROW(broken->addParam("late", "after publication"), RX::RXError);
+  EXPECT_THROW(broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData)), RX::RXError);
+}
+
+TEST(RXFunctorBase, DefaultCallLogsAndLeavesTheResult) {
+  struct Unimplemented : RX::RXFunctorBase {
+  } functor;
+  testsupport::LogLines log("rxcommon.RXFunctor");
+  RXValue result(42);
+  EXPECT_NO_THROW(functor.call(RXValue(std::vector<std::string>{"x"}), result));
+  EXPECT_EQ(RXValue(42), result);
+  EXPECT_EQ("error: RXFunctor::call not implemented", log.joined());
 }
 
 }  // namespace
