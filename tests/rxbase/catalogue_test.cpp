@@ -1,6 +1,4 @@
-// The published interface: every catalogue entry as callers and introspection
-// tools see it, RXMemoryProxy calling each entry by uid, and the self-test
-// that times the three ways of calling.
+// The published catalogue, RXMemoryProxy calling it by uid, and the self-test timing three ways to call.
 #include <future>
 #include <regex>
 #include <sstream>
@@ -9,13 +7,10 @@
 #include "rx/rxmemoryproxy.h"
 #include "rx/rxproxy.h"
 
-namespace rxtest {
 namespace {
 
-// One entry per line, texts character for character (the odd ones too:
-// "callbacMethod", "theircallback", "exiting subscribers", the description cut
-// after "This is slower than", getTimestamp's and getEventHistory's keyList
-// texts).
+// Texts character for character, the odd ones too ("callbacMethod", "theircallback", "exiting subscribers",
+// "This is slower than", getTimestamp's and getEventHistory's keyList texts).
 const char* const kCatalogue[] = {
     // clang-format off
     "declareEvent: Declares an event to allow future subscriptions to the event (eventName string: The name of the event)",
@@ -80,9 +75,8 @@ TEST_F(CatalogueTest, EveryEntryIsPublishedInOrderWithItsTexts) {
       "RXMemory provides a centralized memory that can be used to store and retrieve named values. It also "
       "acts as a hub for the distribution of event notifications.",
       memory->getModuleDescription());
-  // As the module holds it, and as other modules see it through the session.
   const mz::AnyObject service = broker->session()->service("RXMemory").value();
-  const std::vector<mz::MetaMethod>& published = service.metaObject().methods;
+  const std::vector<mz::MetaMethod>& published = service.metaObject().methods;  // as other modules see it
   for (const std::vector<mz::MetaMethod>* catalogue : {&memory->methods(), &published}) {
     ASSERT_EQ(std::size(kCatalogue), catalogue->size());
     for (std::size_t i = 0; i < catalogue->size(); ++i) {
@@ -92,10 +86,8 @@ TEST_F(CatalogueTest, EveryEntryIsPublishedInOrderWithItsTexts) {
       EXPECT_EQ(kCatalogue[i], render(m)) << "entry " << i;
     }
   }
-  // A call by uid skips overload resolution, so it may hand over an argument
-  // of the wrong kind: a name published more than once is bound through a
-  // functor, which refuses it with an RXError of its own; any other entry is
-  // refused by the framework's conversion. A binary fits any RXValue
+  // A call by uid skips overload resolution, so it may pass the wrong kind: an overloaded name's functor
+  // refuses it with an RXError, any other entry the framework's conversion does. A binary fits any RXValue
   // parameter, so only entries with a typed parameter are tried.
   const mz::AnyValue binary(RXValue(RXValue::Binary{1, 2, 3}));
   const std::size_t keys = memory->getDataListName().size();
@@ -117,11 +109,8 @@ TEST_F(CatalogueTest, EveryEntryIsPublishedInOrderWithItsTexts) {
   EXPECT_EQ(keys, memory->getDataListName().size()) << "a refused call reached the store";
 }
 
-using ProxyTest = MemoryTest;
-
-// Every published entry, called by uid, reaches the member it names (what
-// each member does is checked in the other files).
-TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
+// Every entry, called by uid, reaches the member it names (what each does is checked elsewhere).
+TEST_F(CatalogueTest, SpecializedProxyCallsEveryMethodByUidElseByName) {
   RX::RXMemoryProxy m(broker->getProxy("RXMemory", 0));
   EXPECT_EQ(41u, m.resolvedCount());
   auto r = startModule<Recorder>(broker, "R");
@@ -148,8 +137,7 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   m.raiseMicroEvent("M", RXValue(6));
   drain(r);
   EXPECT_EQ((Names{"G=5", "M=6"}), r->keyValues());
-  EXPECT_EQ("onOther \"again\" \"micro\"", r->items()[0].method + " " + r->items()[0].message.toString() +
-                                               " " + r->items()[1].message.toString());
+  EXPECT_EQ("onOther G 5 \"again\"|onEvent M 6 \"micro\"", r->items()[0].str() + "|" + r->items()[1].str());
   EXPECT_EQ((Names{"R"}), m.getSubscribers("E"));
   EXPECT_EQ(1u, m.getEventHistory("G").getSize());
   EXPECT_EQ(5, m.getTimestamp("G")[0].toInt());
@@ -160,8 +148,7 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   EXPECT_EQ(memory->getDataListName(), m.getDataListName());
   EXPECT_EQ(memory->getPtrData("i"), m.getDataPtr("i"));
   EXPECT_GE(m.subscriber("E").signalId("signal"), 0);
-  // Blocks until the value changes; the call's first read cannot be observed
-  // from here, so the key is changed again and again until it returns.
+  // Blocks until the value changes; its first read is unobservable, so the key changes until it returns.
   std::future<RXValue> changed = std::async(std::launch::async, [&] { return m.getDataOnChange("s", 0); });
   for (int next = 100;
        changed.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready && next < 400;)
@@ -193,10 +180,30 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   testing::internal::CaptureStdout();
   m._perf();
   EXPECT_EQ(0u, testing::internal::GetCapturedStdout().find("1000 Direct call\n"));
+
+  // Overloads a target lacks are called by name, failing with the framework's error; the rest by uid.
+  RX::RXMemoryProxy empty(boost::make_shared<RX::RXProxy>("RXMemory", mz::AnyObject()));
+  EXPECT_EQ(0u, empty.resolvedCount());
+  EXPECT_EQ("std::exception|This object is null", errorOf([&] { empty.insertData("k", 1); }));
+
+  auto standIn = std::make_shared<mz::DynamicObject>();  // offers only getData(string)
+  mz::MetaMethod getData;
+  getData.name = "getData";
+  getData.parameters.resize(1);
+  getData.parameters[0].type = mz::ParamType::String;
+  getData.returnType = mz::ParamType::Value;
+  standIn->advertiseMethod(getData, mz::makeInvoker<RX::RXValue, std::string>([](const std::string& key) {
+                             return RX::RXValue("stand-in " + key);
+                           }));
+  RX::RXMemoryProxy partial(boost::make_shared<RX::RXProxy>("StandIn", mz::AnyObject(standIn)));
+  EXPECT_EQ(1u, partial.resolvedCount());
+  EXPECT_EQ("\"stand-in k\"", partial.getData("k").toString());
+  EXPECT_EQ("std::exception|object: no method named insertData",
+            errorOf([&] { partial.insertData("k", 1); }));
+  EXPECT_THROW((void)partial.getData("k", 1), mz::MethodNotFoundError);
 }
 
-// The self-test's output lines; a memory the broker cannot find by name stops
-// after the lines printed so far (nothing is caught), its perf key written.
+// The self-test's output lines; one the broker cannot find by name stops there, its perf key written.
 Names perfLines(RX::RXMemory& memory, std::string& error) {
   testing::internal::CaptureStdout();
   try {
@@ -210,7 +217,7 @@ Names perfLines(RX::RXMemory& memory, std::string& error) {
   return lines;
 }
 
-TEST_F(ProxyTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
+TEST_F(CatalogueTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
   auto r = startModule<Recorder>(broker, "R");
   memory->subscribeToEvent(RX::Memory::keyAddedKey, "R", "onEvent");
   std::string error;
@@ -234,29 +241,5 @@ TEST_F(ProxyTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
   lost.reset();
   unregistered->shutdown();
 }
-// Overloads a target does not offer are called by name, which then fails with
-// the framework's own error; the ones it offers keep working by uid.
-TEST_F(ProxyTest, SpecializedProxyFallsBackToCallsByName) {
-  RX::RXMemoryProxy empty(boost::make_shared<RX::RXProxy>("RXMemory", mz::AnyObject()));
-  EXPECT_EQ(0u, empty.resolvedCount());
-  EXPECT_EQ("std::exception|This object is null", errorOf([&] { empty.insertData("k", 1); }));
-
-  auto standIn = std::make_shared<mz::DynamicObject>();  // offers only getData(string)
-  mz::MetaMethod getData;
-  getData.name = "getData";
-  getData.parameters.resize(1);
-  getData.parameters[0].type = mz::ParamType::String;
-  getData.returnType = mz::ParamType::Value;
-  standIn->advertiseMethod(getData, mz::makeInvoker<RX::RXValue, std::string>([](const std::string& key) {
-                             return RX::RXValue("stand-in " + key);
-                           }));
-  RX::RXMemoryProxy partial(boost::make_shared<RX::RXProxy>("StandIn", mz::AnyObject(standIn)));
-  EXPECT_EQ(1u, partial.resolvedCount());
-  EXPECT_EQ("\"stand-in k\"", partial.getData("k").toString());
-  EXPECT_EQ("std::exception|object: no method named insertData",
-            errorOf([&] { partial.insertData("k", 1); }));
-  EXPECT_THROW((void)partial.getData("k", 1), mz::MethodNotFoundError);
-}
 
 }  // namespace
-}  // namespace rxtest
