@@ -9,6 +9,8 @@
 
 namespace {
 
+using SignalEvents = std::map<std::string, std::string>;
+
 // Each test makes the memory, its data path a temporary directory that may hold a map file.
 class MapFileTest : public MemoryTest {
  protected:
@@ -36,7 +38,7 @@ TEST_F(MapFileTest, MissingFileOnlyWarnsAndLinesAreParsedOneByOne) {
   LogLines log("rxmemory");
   startMemoryWithMap("");
   EXPECT_EQ("warning: Can't not open file rxmemory_map_signal_event.txt", log.items().at(0));
-  EXPECT_EQ((Names{RX::Memory::keyAddedKey, RX::Memory::keyRemovedKey, RX::Memory::keyTypeChanged}),
+  EXPECT_EQ((Names{"RXMemory/KeyAdded", "RXMemory/KeyRemoved", "RXMemory/KeyTypeChanged"}),
             memory->getEventList());
   EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));
 
@@ -68,8 +70,6 @@ TEST_F(MapFileTest, MissingFileOnlyWarnsAndLinesAreParsedOneByOne) {
 TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) {
   // 511 characters make one read; the rest of the line is a line of its own.
   const std::string longEvent(511 - std::string("Long.signalChanged:").size(), 'E');
-  const std::string longLine =
-      "Long.signalChanged:" + longEvent + std::string(70, ' ') + "Split.signalChanged:Tail";
   std::map<std::string, std::shared_ptr<FakeService>> services;
   for (const char* name : {"Battery", "AudioMixer", "Long", "Split"})
     services[name] = registerFakeService(broker, name, {"signalChanged"});
@@ -78,15 +78,14 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) 
   startMemoryWithMap(
       "# services of the test robot\nBattery.signalChanged: BatteryLevel # from the battery service\n"
       "Audio Mixer . signal Changed : Mixer/Volume\r\n\nLocalization.up:Moved\nBattery.missingSignal:Never\n"
-      "Battery.signalChanged:\nGhost.ghostSignal:GhostEvent\n" +
-      longLine + "\n");
+      "Battery.signalChanged:\nGhost.ghostSignal:GhostEvent\nLong.signalChanged:" +
+      longEvent + S(70, ' ') + "Split.signalChanged:Tail\n");
   EXPECT_EQ(listenersBefore + 1, registrationListeners());
   // Once when the file's line is read, once more when the map is replayed.
   for (const auto& [name, service] : services) EXPECT_EQ(2u, service->connections("signalChanged")) << name;
   EXPECT_EQ(0u, localization->connections("up"));
   const Names events = memory->getEventList();
-  for (const std::string& e :
-       {std::string("BatteryLevel"), std::string("Mixer/Volume"), longEvent, S("Tail")})
+  for (const S& e : {S("BatteryLevel"), S("Mixer/Volume"), longEvent, S("Tail")})
     EXPECT_TRUE(contains(events, e)) << e << " was not declared";
   for (const char* e : {"Moved", "Never", "GhostEvent"}) EXPECT_FALSE(contains(events, e)) << e;
 
@@ -101,8 +100,7 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) 
   drain(r);
   EXPECT_EQ((Names{"BatteryLevel=7", "BatteryLevel=7"}), r->keyValues());
 
-  // Once the module is gone, no registration nor emission reaches it (MappingTest checks a mapped service
-  // registering while it lives).
+  // Once the module is gone, no registration nor emission reaches it (MappingTest covers registrations).
   boost::weak_ptr<RX::RXMemory> weak = memory;
   memory->exit();
   memory.reset();
@@ -161,8 +159,8 @@ TEST_F(MappingTest, MappingsAddedAtRunTime) {
   EXPECT_FALSE(contains(eventsBefore, "NoSigEvent"));
   // The map form, declared in ascending order of signal name.
   auto multi = registerFakeService(broker, "Multi", {"a", "b"});
-  memory->addMapping("Multi", std::map<std::string, std::string>{{"b", "MultiB"}, {"a", "MultiA"}});
-  memory->addMapping("Multi", std::map<std::string, std::string>{});
+  memory->addMapping("Multi", SignalEvents{{"b", "MultiB"}, {"a", "MultiA"}});
+  memory->addMapping("Multi", SignalEvents{});
   EXPECT_EQ(2u, multi->connections("a") + multi->connections("b"));
 
   drain(r);
@@ -184,7 +182,7 @@ class RefusingService : public FakeService {
 TEST_F(MappingTest, EmptyObjectsAndRefusedConnectionsReachTheCaller) {
   EXPECT_EQ("std::exception|This object is null", errorOf([&] { memory->addMapping("Null", "sig", "E"); }));
   EXPECT_EQ("std::exception|This object is null", errorOf([&] {
-              memory->addMapping("Null", std::map<std::string, std::string>{{"sig", "E"}});
+              memory->addMapping("Null", SignalEvents{{"sig", "E"}});
             }));
   EXPECT_FALSE(contains(memory->getEventList(), "E"));
   // The registration's failure stays in the signal's delivery.

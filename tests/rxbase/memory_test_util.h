@@ -36,12 +36,8 @@ class Recorder : public RX::RXModule, public testsupport::Collector<Notification
                       method[2] == 'E' ? &Recorder::onEvent : &Recorder::onOther);
     }
   }
-  void onEvent(const std::string& key, const RXValue& value, const RXValue& message) {
-    add({"onEvent", key, value, message});
-  }
-  void onOther(const std::string& key, const RXValue& value, const RXValue& message) {
-    add({"onOther", key, value, message});
-  }
+  void onEvent(const S& key, const RXValue& v, const RXValue& m) { add({"onEvent", key, v, m}); }
+  void onOther(const S& key, const RXValue& v, const RXValue& m) { add({"onOther", key, v, m}); }
   Names keyValues() const {  // "key=value" of every call but the drain sentinels
     Names out;
     for (const Notification& n : items())
@@ -50,12 +46,11 @@ class Recorder : public RX::RXModule, public testsupport::Collector<Notification
   }
 };
 
-// Answers subscribe/unsubscribe (collected as "subscribe:ID"); only kWorking has the getCurrentPrecision that
-// marks an extractor, and kFailing throws from both.
+// Answers subscribe/unsubscribe ("subscribe:ID"), throws if kFailing; kNoPrecision lacks getCurrentPrecision.
 class Extractor : public RX::RXModule, public testsupport::Collector<std::string> {
  public:
   enum Kind { kNoPrecision, kWorking, kFailing };
-  Extractor(boost::shared_ptr<RX::RXBroker> broker, const std::string& name, Kind kind)
+  Extractor(boost::shared_ptr<RX::RXBroker> broker, const S& name, Kind kind)
       : RXModule(broker, name), kind_(kind) {
     for (const char* method : {"subscribe", "unsubscribe"}) {
       functionName(method, name, "Starts or stops generating");
@@ -105,8 +100,7 @@ inline std::shared_ptr<FakeService> registerFakeService(const boost::shared_ptr<
 }
 
 template <typename M, typename... Args>
-boost::shared_ptr<M> startModule(const boost::shared_ptr<RX::RXBroker>& broker, const std::string& name,
-                                 Args... args) {
+boost::shared_ptr<M> startModule(boost::shared_ptr<RX::RXBroker> broker, const S& name, Args... args) {
   auto module = boost::make_shared<M>(broker, name, args...);
   module->initModule();
   return module;

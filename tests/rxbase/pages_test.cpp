@@ -5,8 +5,7 @@
 
 namespace {
 
-std::string row(const std::string& name, const std::string& type, const std::string& value,
-                const std::string& subscribers = "") {
+std::string row(const S& name, const S& type, const S& value, const S& subscribers = "") {
   return "\n<tr><td>" + name + "</td><td>\n" + type + "</td>\n<td>" + value + "</td>\n<td>" + subscribers +
          "</td></tr>\n";
 }
@@ -16,11 +15,10 @@ std::string table(const std::string& title, const std::string& rows) {
          (title == "Data" ? "" : "<th>Subscribers</th>") + "</tr>\n" + rows + "</table>";
 }
 
-using StatusPageTest = MemoryTest;
+using PagesTest = MemoryTest;
 
-// Data, then events, then micro-events; rows in the store's (unsorted) order; values unescaped; a data row
-// has a subscriber cell its header lacks.
-TEST_F(StatusPageTest, PageListsKeysByKindWithTheirSubscribers) {
+// Data, events, micro-events; rows unsorted; values unescaped; data rows have a subscriber cell, no header.
+TEST_F(PagesTest, StatusPageListsKeysByKindWithTheirSubscribers) {
   memory->insertData("lt", std::string("a<b"));
   memory->subscribeToMicroEvent("lt", "C", "", "onEvent");
   memory->subscribeToEvent("E", "B", "onEvent");
@@ -52,10 +50,8 @@ TEST_F(StatusPageTest, PageListsKeysByKindWithTheirSubscribers) {
       memory->httpGetList("Custom", {"b", "i", "f", "a", "o", "bin"}));
 }
 
-using LiveViewTest = MemoryTest;
-
 // The texts the browser test cannot provoke (it checks row order, descriptions, a lone binary's note).
-TEST_F(LiveViewTest, RowsShowEveryValueAsTextAndTheFeedNamesChangedKeys) {
+TEST_F(PagesTest, LiveViewRowsShowEveryValueAsTextAndTheFeedNamesChangedKeys) {
   memory->insertData("a", std::string("<script>x</script>"));
   memory->insertData("bin", RXValue(RXValue::Binary{1, 2, 3}));
   memory->insertData("utf", std::string("\xc3\xa9 \xff\xc3"));
