@@ -1,21 +1,15 @@
-// The published interface: every catalogue entry as callers and introspection
-// tools see it, RXMemoryProxy calling each entry by uid, and the self-test
-// that times the three ways of calling.
+// The published catalogue, RXMemoryProxy calling it by uid, and the self-test timing three ways to call.
 #include <future>
 #include <regex>
-#include <sstream>
 
 #include "memory_test_util.h"
 #include "rx/rxmemoryproxy.h"
 #include "rx/rxproxy.h"
 
-namespace rxtest {
 namespace {
 
-// One entry per line, texts character for character (the odd ones too:
-// "callbacMethod", "theircallback", "exiting subscribers", the description cut
-// after "This is slower than", getTimestamp's and getEventHistory's keyList
-// texts).
+// Texts character for character, the odd ones too ("callbacMethod", "theircallback", "exiting subscribers",
+// "This is slower than", getTimestamp's and getEventHistory's keyList texts).
 const char* const kCatalogue[] = {
     // clang-format off
     "declareEvent: Declares an event to allow future subscriptions to the event (eventName string: The name of the event)",
@@ -80,23 +74,18 @@ TEST_F(CatalogueTest, EveryEntryIsPublishedInOrderWithItsTexts) {
       "RXMemory provides a centralized memory that can be used to store and retrieve named values. It also "
       "acts as a hub for the distribution of event notifications.",
       memory->getModuleDescription());
-  // As the module holds it, and as other modules see it through the session.
   const mz::AnyObject service = broker->session()->service("RXMemory").value();
-  const std::vector<mz::MetaMethod>& published = service.metaObject().methods;
+  const std::vector<mz::MetaMethod>& published = service.metaObject().methods;  // as other modules see it
   for (const std::vector<mz::MetaMethod>* catalogue : {&memory->methods(), &published}) {
     ASSERT_EQ(std::size(kCatalogue), catalogue->size());
     for (std::size_t i = 0; i < catalogue->size(); ++i) {
       const mz::MetaMethod& m = (*catalogue)[i];
-      EXPECT_EQ(i, m.uid);
-      EXPECT_EQ("RXMemory", m.className) << m.name;
+      EXPECT_EQ("RXMemory#" + std::to_string(i), m.className + "#" + std::to_string(m.uid)) << m.name;
       EXPECT_EQ(kCatalogue[i], render(m)) << "entry " << i;
     }
   }
-  // A call by uid skips overload resolution, so it may hand over an argument
-  // of the wrong kind: a name published more than once is bound through a
-  // functor, which refuses it with an RXError of its own; any other entry is
-  // refused by the framework's conversion. A binary fits any RXValue
-  // parameter, so only entries with a typed parameter are tried.
+  // By uid no overload is resolved: a wrong kind is refused by an overloaded name's functor (an RXError)
+  // or else by the conversion. A binary fits RXValue parameters, so only typed entries are tried.
   const mz::AnyValue binary(RXValue(RXValue::Binary{1, 2, 3}));
   const std::size_t keys = memory->getDataListName().size();
   for (const mz::MetaMethod& m : published) {
@@ -117,11 +106,8 @@ TEST_F(CatalogueTest, EveryEntryIsPublishedInOrderWithItsTexts) {
   EXPECT_EQ(keys, memory->getDataListName().size()) << "a refused call reached the store";
 }
 
-using ProxyTest = MemoryTest;
-
-// Every published entry, called by uid, reaches the member it names (what
-// each member does is checked in the other files).
-TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
+// Every entry, called by uid, reaches the member it names (what each does is checked elsewhere).
+TEST_F(CatalogueTest, SpecializedProxyCallsEveryMethodByUidElseByName) {
   RX::RXMemoryProxy m(broker->getProxy("RXMemory", 0));
   EXPECT_EQ(41u, m.resolvedCount());
   auto r = startModule<Recorder>(broker, "R");
@@ -147,9 +133,8 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   m.raiseEvent("G", RXValue(5));
   m.raiseMicroEvent("M", RXValue(6));
   drain(r);
-  EXPECT_EQ((Names{"G=5", "M=6"}), r->keyValues());
-  EXPECT_EQ("onOther \"again\" \"micro\"", r->items()[0].method + " " + r->items()[0].message.toString() +
-                                               " " + r->items()[1].message.toString());
+  ASSERT_EQ((Names{"G=5", "M=6"}), r->keyValues());
+  EXPECT_EQ("onOther G 5 \"again\"|onEvent M 6 \"micro\"", r->items()[0].str() + "|" + r->items()[1].str());
   EXPECT_EQ((Names{"R"}), m.getSubscribers("E"));
   EXPECT_EQ(1u, m.getEventHistory("G").getSize());
   EXPECT_EQ(5, m.getTimestamp("G")[0].toInt());
@@ -160,8 +145,7 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   EXPECT_EQ(memory->getDataListName(), m.getDataListName());
   EXPECT_EQ(memory->getPtrData("i"), m.getDataPtr("i"));
   EXPECT_GE(m.subscriber("E").signalId("signal"), 0);
-  // Blocks until the value changes; the call's first read cannot be observed
-  // from here, so the key is changed again and again until it returns.
+  // Blocks until the value changes; its first read is unobservable, so the key changes until it returns.
   std::future<RXValue> changed = std::async(std::launch::async, [&] { return m.getDataOnChange("s", 0); });
   for (int next = 100;
        changed.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready && next < 400;)
@@ -193,63 +177,15 @@ TEST_F(ProxyTest, SpecializedProxyCallsEveryMethodByUid) {
   testing::internal::CaptureStdout();
   m._perf();
   EXPECT_EQ(0u, testing::internal::GetCapturedStdout().find("1000 Direct call\n"));
-}
 
-// The self-test's output lines; a memory the broker cannot find by name stops
-// after the lines printed so far (nothing is caught), its perf key written.
-Names perfLines(RX::RXMemory& memory, std::string& error) {
-  testing::internal::CaptureStdout();
-  try {
-    memory.perf();
-  } catch (const RX::ModuleNotFoundError& e) {
-    error = e.what();
-  }
-  Names lines;
-  std::istringstream in(testing::internal::GetCapturedStdout());
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-TEST_F(ProxyTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
-  auto r = startModule<Recorder>(broker, "R");
-  memory->subscribeToEvent(RX::Memory::keyAddedKey, "R", "onEvent");
-  std::string error;
-  const Names lines = perfLines(*memory, error);
-  ASSERT_EQ(6u, lines.size()) << error;
-  EXPECT_EQ("1000 Direct call|1000 Specialized proxy call|1000 Proxy call",
-            lines[0] + "|" + lines[2] + "|" + lines[4]);
-  for (std::size_t i : {1u, 3u, 5u})
-    EXPECT_TRUE(std::regex_match(lines[i], std::regex("time: (0|[1-9][0-9]*)"))) << lines[i];
-  EXPECT_EQ("1 Data", values({"perf"}) + " " + types({"perf"}));
-  drain(r);
-  EXPECT_EQ((Names{"RXMemory/KeyAdded=perf"}), r->keyValues()) << "created once, then overwritten";
-
-  auto unregistered = RX::RXBroker::create("unregistered-broker");
-  auto lost = boost::make_shared<RX::RXMemory>(unregistered, "RXMemory");
-  const Names partial = perfLines(*lost, error);
-  ASSERT_EQ(3u, partial.size());
-  EXPECT_EQ("1000 Direct call|1000 Specialized proxy call", partial[0] + "|" + partial[2]);
-  EXPECT_EQ("Module not found: RXMemory", error);
-  EXPECT_EQ(1, lost->getData("perf").toInt());
-  lost.reset();
-  unregistered->shutdown();
-}
-// Overloads a target does not offer are called by name, which then fails with
-// the framework's own error; the ones it offers keep working by uid.
-TEST_F(ProxyTest, SpecializedProxyFallsBackToCallsByName) {
+  // Overloads a target lacks are called by name, failing with the framework's error; the rest by uid.
   RX::RXMemoryProxy empty(boost::make_shared<RX::RXProxy>("RXMemory", mz::AnyObject()));
   EXPECT_EQ(0u, empty.resolvedCount());
   EXPECT_EQ("std::exception|This object is null", errorOf([&] { empty.insertData("k", 1); }));
 
-  auto standIn = std::make_shared<mz::DynamicObject>();  // offers only getData(string)
-  mz::MetaMethod getData;
-  getData.name = "getData";
-  getData.parameters.resize(1);
-  getData.parameters[0].type = mz::ParamType::String;
-  getData.returnType = mz::ParamType::Value;
-  standIn->advertiseMethod(getData, mz::makeInvoker<RX::RXValue, std::string>([](const std::string& key) {
-                             return RX::RXValue("stand-in " + key);
-                           }));
+  auto standIn = std::make_shared<mz::DynamicObject>();  // offers only getData(string), entry 2
+  standIn->advertiseMethod(memory->methods()[2],
+                           mz::makeInvoker<RXValue, S>([](S key) { return RXValue("stand-in " + key); }));
   RX::RXMemoryProxy partial(boost::make_shared<RX::RXProxy>("StandIn", mz::AnyObject(standIn)));
   EXPECT_EQ(1u, partial.resolvedCount());
   EXPECT_EQ("\"stand-in k\"", partial.getData("k").toString());
@@ -258,5 +194,29 @@ TEST_F(ProxyTest, SpecializedProxyFallsBackToCallsByName) {
   EXPECT_THROW((void)partial.getData("k", 1), mz::MethodNotFoundError);
 }
 
+TEST_F(CatalogueTest, SelfTestPrintsThreeTimingsAndLeavesPerfAsData) {
+  auto r = startModule<Recorder>(broker, "R");
+  memory->subscribeToEvent(RX::Memory::keyAddedKey, "R", "onEvent");
+  const std::string time = "time: (0|[1-9][0-9]*)\n";
+  const std::string upToTheProxy = "1000 Direct call\n" + time + "1000 Specialized proxy call\n";
+  testing::internal::CaptureStdout();
+  memory->perf();
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(std::regex_match(out, std::regex(upToTheProxy + time + "1000 Proxy call\n" + time))) << out;
+  EXPECT_EQ("1 Data", values({"perf"}) + " " + types({"perf"}));
+  drain(r);
+  EXPECT_EQ((Names{"RXMemory/KeyAdded=perf"}), r->keyValues()) << "created once, then overwritten";
+
+  // One the broker cannot find by name stops after the lines printed so far, its perf key written.
+  auto unregistered = RX::RXBroker::create("unregistered-broker");
+  auto lost = boost::make_shared<RX::RXMemory>(unregistered, "RXMemory");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ("Module not found: RXMemory", testsupport::errorOf([&] { lost->perf(); }));
+  const std::string partial = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(std::regex_match(partial, std::regex(upToTheProxy))) << partial;
+  EXPECT_EQ(1, lost->getData("perf").toInt());
+  lost.reset();
+  unregistered->shutdown();
+}
+
 }  // namespace
-}  // namespace rxtest

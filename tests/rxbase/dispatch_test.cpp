@@ -1,23 +1,15 @@
-// Notifications: subscription records, the callback contract, ordering, proxy
-// caching, subscribers that come late, go away or re-subscribe; and the key
-// signal objects (following a key as a signal, raising it by emitting).
+// Notifications: subscription records, the callback contract, order, module churn; key signal objects.
 #include "memory_test_util.h"
 
-namespace rxtest {
 namespace {
 
 class DispatchTest : public MemoryTest {
  protected:
-  void SetUp() override {
-    MemoryTest::SetUp();
-    RX::log::setLevel("RXMemory", RX::log::Verbose);  // the cells say whom they notify and drop
-  }
-  void TearDown() override {
-    RX::log::setLevel("RXMemory", RX::log::kDefaultThreshold);
-    MemoryTest::TearDown();
-  }
-  // The lines the cells logged that start with prefix, without it.
-  Names cellLines(const std::string& prefix) const {
+  struct Verbose {  // the cells say whom they notify and drop, for this test only
+    Verbose() { RX::log::setLevel("RXMemory", RX::log::Verbose); }
+    ~Verbose() { RX::log::setLevel("RXMemory", RX::log::kDefaultThreshold); }
+  } verbose;
+  Names cellLines(const std::string& prefix) const {  // the cells' lines that start with prefix, without it
     Names out;
     for (const std::string& line : log.items())
       if (line.rfind("verbose: " + prefix, 0) == 0) out.push_back(line.substr(9 + prefix.size()));
@@ -26,8 +18,7 @@ class DispatchTest : public MemoryTest {
   LogLines log{"RXMemory"};
 };
 
-// Subscribing, and asking for a key's signal object, make a missing key (as
-// an event or a micro-event) and never retype an existing one.
+// Subscribing, and asking for a key's signal object, make a missing key and never retype one.
 TEST_F(DispatchTest, SubscribingMakesMissingKeysAndNeverRetypes) {
   memory->subscribeToEvent("E", "Foo", "onEvent");
   memory->subscribeToMicroEvent("ME", "Foo", "", "onEvent");
@@ -46,23 +37,19 @@ TEST_F(DispatchTest, SubscribingMakesMissingKeysAndNeverRetypes) {
   EXPECT_EQ((Names{"B", "Bar", "C", "Foo", "a"}), memory->getDataSubscriber("d"));
   memory->unsubscribeToMicroEvent("d", "Foo");
   EXPECT_EQ((Names{"B", "Bar", "C", "a"}), memory->getDataSubscriber("d"));
-  // A key removed and declared again starts without subscribers.
   memory->removeEvent("E");
   memory->declareEvent("E");
-  EXPECT_EQ(Names{}, memory->getDataSubscriber("E"));
+  EXPECT_EQ(Names{}, memory->getDataSubscriber("E")) << "a key removed and declared again";
 }
 
-// Every raise, equal values too, is posted to each subscriber in module name
-// order, with the key, the value and the subscription's message.
+// Every raise, equal ones too, is posted to each subscriber by module name with key, value, message.
 TEST_F(DispatchTest, EveryRaiseCallsBackWithKeyValueAndMessage) {
   auto r = startModule<Recorder>(broker, "R");
   auto a = startModule<Recorder>(broker, "a");
   auto c = startModule<Recorder>(broker, "C");
   memory->subscribeToMicroEvent("m", "R", "micro message", "onEvent");
   for (const char* m : {"a", "R", "C"}) memory->subscribeToEvent("e", m, "onOther");
-  RXValue payload = RXValue::array();
-  payload.arrayPush(RXValue(1));
-  payload.arrayPush(RXValue("a"));
+  const RXValue payload = list({RXValue(1), RXValue("a")});
   memory->raiseMicroEvent("m", payload);
   memory->raiseMicroEvent("m", payload);
   memory->raiseEvent("e", RXValue(2));
@@ -75,23 +62,18 @@ TEST_F(DispatchTest, EveryRaiseCallsBackWithKeyValueAndMessage) {
   EXPECT_EQ("C R a C R a", join(Names(notified.begin() + 2, notified.end()),
                                 [](const S& line) { return line.substr(0, line.find(' ')); }));
   drain(r);
+  ASSERT_EQ((Names{"m=[1, a]", "m=[1, a]", "e=2", "e=2"}), r->keyValues());
   auto got = r->items();
-  ASSERT_EQ(5u, got.size());  // four raises and the sentinel
-  EXPECT_EQ(
-      "onEvent m [1, \"a\"] \"micro message\"",
-      got[0].method + " " + got[0].key + " " + got[0].value.toString() + " " + got[0].message.toString());
-  EXPECT_EQ("onOther \"\"", got[2].method + " " + got[2].message.toString())
-      << "the 3-argument subscribeToEvent sends an empty message";
-  EXPECT_EQ((Names{"m=[1, a]", "m=[1, a]", "e=2", "e=2"}), r->keyValues());
+  EXPECT_EQ("onEvent m [1, \"a\"] \"micro message\"", got[0].str());
+  EXPECT_EQ("onOther e 2 \"\"", got[2].str()) << "the 3-argument subscribeToEvent sends an empty message";
   for (auto& other : {a, c}) {
     drain(other);
     EXPECT_EQ((Names{"e=2", "e=2"}), other->keyValues()) << other->getName();
   }
 }
 
-// A look-up that fails keeps the record (the module may come later); a post
-// that fails to a module found before drops it; a re-subscription forgets the
-// cached proxy, so a new module under the same name is reached.
+// A failed look-up keeps the record (the module may come later); a failed post to a module found before drops
+// it; a re-subscription forgets the cached proxy and reaches a new module of the name.
 TEST_F(DispatchTest, LateSubscribersAreKeptGoneOnesDroppedResubscribersReached) {
   auto alive = startModule<Recorder>(broker, "Alive");
   auto dead = startModule<Recorder>(broker, "Dead");
@@ -100,10 +82,10 @@ TEST_F(DispatchTest, LateSubscribersAreKeptGoneOnesDroppedResubscribersReached) 
   memory->raiseEvent("E", RXValue(1));  // caches the proxies of Alive, Dead and Renewed
   EXPECT_EQ(1u, cellLines("Late not found, removing module reference:").size());
   EXPECT_EQ((Names{"Alive", "Dead", "Late", "Renewed"}), memory->getDataSubscriber("E"));
-  drain(dead);
-  drain(renewed);
-  dead->exit();
-  renewed->exit();
+  for (auto& gone : {dead, renewed}) {
+    drain(gone);
+    gone->exit();
+  }
   auto late = startModule<Recorder>(broker, "Late");
   auto second = startModule<Recorder>(broker, "Renewed");
   memory->subscribeToEvent("E", "Renewed", "again", "onOther");
@@ -116,15 +98,14 @@ TEST_F(DispatchTest, LateSubscribersAreKeptGoneOnesDroppedResubscribersReached) 
   EXPECT_EQ((Names{"E=1"}), dead->keyValues());
   EXPECT_EQ((Names{"E=2", "E=3"}), late->keyValues());
   EXPECT_EQ((Names{"E=2", "E=3"}), second->keyValues());
-  EXPECT_EQ("onOther \"again\"", second->items()[0].method + " " + second->items()[0].message.toString());
+  EXPECT_EQ("onOther E 2 \"again\"", second->items()[0].str());
 }
 
 using SignalTest = MemoryTest;
 
-TEST_F(SignalTest, RaisesAreEmittedAndEmissionsRaise) {
-  SignalLog got;
+TEST_F(SignalTest, RaisesAreEmittedAndEmissionsRaiseHoweverTheKeyWasMade) {
   auto sub = memory->subscriber("K");
-  sub->signal.connect([&](mz::AnyValue v) { got(v); });
+  SignalLog got(sub);
   auto r = startModule<Recorder>(broker, "R");
   memory->subscribeToEvent("K", "R", "onEvent");
   memory->raiseEvent("K", RXValue(5));
@@ -139,21 +120,16 @@ TEST_F(SignalTest, RaisesAreEmittedAndEmissionsRaise) {
   sub->signal.trigger({});
   EXPECT_EQ("invalid", values({"K"}));
   EXPECT_EQ((Names{"invalid"}), got.take());
-  EXPECT_EQ("std::exception|Invalid number of arguments", errorOf([&] {
-              sub->signal.trigger({mz::AnyValue(RXValue(1)), mz::AnyValue(RXValue(2))});
-            }));
+  const mz::AnyValue one(RXValue(1));
+  EXPECT_EQ("std::exception|Invalid number of arguments", errorOf([&] { sub->signal.trigger({one, one}); }));
   EXPECT_THROW(sub->signal.trigger({mz::AnyValue::fromOther(42L)}), mz::ConversionError);
   EXPECT_EQ("invalid", values({"K"})) << "failed emissions raise nothing";
   EXPECT_EQ(Names{}, got.take());
   drain(r);
   EXPECT_EQ((Names{"K=5", "K=6", "K=8", "K=invalid"}), r->keyValues());
   EXPECT_EQ(history + 1, memory->getEventHistory("K").getSize()) << "the invalid raise stores no history";
-}
 
-// A key's signal object is made when first asked for; a key that was used in
-// other ways before must behave as if it had had it from birth.
-TEST_F(SignalTest, SignalObjectOfAKeyUsedBeforeDeliversEveryRaiseOnce) {
-  auto r = startModule<Recorder>(broker, "R");
+  // A key's signal object is made when first asked for, yet must act as if the key had it from birth.
   const std::pair<std::string, std::function<void(const std::string&)>> histories[] = {
       {"plain data", [&](const std::string& k) { memory->insertData(k, 1); }},
       {"described", [&](const std::string& k) { memory->insertData(k, 1), memory->setDescription(k, "d"); }},
@@ -163,9 +139,8 @@ TEST_F(SignalTest, SignalObjectOfAKeyUsedBeforeDeliversEveryRaiseOnce) {
   for (const auto& [name, history] : histories) {
     SCOPED_TRACE(name);
     history("used/" + name);
-    SignalLog got;
     auto sub = memory->subscriber("used/" + name);
-    sub->signal.connect([&](mz::AnyValue v) { got(v); });
+    SignalLog got(sub);
     memory->raiseMicroEvent("used/" + name, RXValue(2));
     EXPECT_EQ((Names{"2"}), got.take());
     EXPECT_EQ(sub, memory->subscriber("used/" + name));
@@ -173,8 +148,7 @@ TEST_F(SignalTest, SignalObjectOfAKeyUsedBeforeDeliversEveryRaiseOnce) {
   drain(r);
 }
 
-// First requests of the signal object racing with raises: one object per key,
-// and every raise made after a connection reaches it.
+// First requests racing with raises: one object per key, and each later raise reaches it.
 TEST_F(SignalTest, FirstRequestsRacingWithRaisesShareOneObject) {
   constexpr int kKeys = 200;
   std::vector<boost::shared_ptr<RXMemorySubscriber>> seen[3];
@@ -185,12 +159,10 @@ TEST_F(SignalTest, FirstRequestsRacingWithRaisesShareOneObject) {
                       [&](int i) { memory->raiseMicroEvent(key(i), RXValue(i)); }});
   for (int i = 0; i < kKeys; ++i) {
     ASSERT_TRUE(seen[0][i] == seen[1][i] && seen[0][i] == seen[2][i]) << key(i);
-    SignalLog got;
-    seen[0][i]->signal.connect([&](mz::AnyValue v) { got(v); });
+    SignalLog got(seen[0][i]);
     memory->raiseMicroEvent(key(i), RXValue(-i));
     EXPECT_EQ((Names{std::to_string(-i)}), got.take()) << key(i);
   }
 }
 
 }  // namespace
-}  // namespace rxtest

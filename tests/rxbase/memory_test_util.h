@@ -1,6 +1,4 @@
-// Helpers for the memory module's tests: a broker with the module created
-// through _createModule, subscriber modules that record their callbacks, an
-// extractor module, a service with signals. Waits are bounded (support/wait.h).
+// The memory tests' world: a broker with RXMemory, recording modules, an extractor, a service with signals.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,20 +6,13 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <future>
-#include <map>
-#include <string>
-#include <vector>
 
-#include "mz/object.h"
 #include "mz/session.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
-#include "rx/rxmodule.h"
 #include "rxmemory.h"
 #include "rxmemorysubscriber.h"
 #include "support/capture.h"
-
-namespace rxtest {
 
 using Names = std::vector<std::string>;
 using RX::RXValue;
@@ -31,30 +22,23 @@ using testsupport::LogLines;
 struct Notification {
   std::string method, key;
   RXValue value, message;
+  std::string str() const { return method + " " + key + " " + value.toString() + " " + message.toString(); }
 };
 
-// A module publishing onEvent and onOther(key, value, message); every call
-// is collected in arrival order.
+// Publishes onEvent and onOther(key, value, message); collects every call in arrival order.
 class Recorder : public RX::RXModule, public testsupport::Collector<Notification> {
  public:
   Recorder(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
     for (const char* method : {"onEvent", "onOther"}) {
       functionName(method, name, "Records a notification");
-      addParam("key", "key");
-      addParam("value", "value");
-      addParam("message", "message");
+      for (const char* param : {"key", "value", "message"}) addParam(param, param);
       advertiseMethod(getCurrentMethodDescription(), this,
                       method[2] == 'E' ? &Recorder::onEvent : &Recorder::onOther);
     }
   }
-  void onEvent(const std::string& key, const RXValue& value, const RXValue& message) {
-    add({"onEvent", key, value, message});
-  }
-  void onOther(const std::string& key, const RXValue& value, const RXValue& message) {
-    add({"onOther", key, value, message});
-  }
-  // "key=value" of every call but the drain sentinels, in arrival order.
-  Names keyValues() const {
+  void onEvent(const S& key, const RXValue& v, const RXValue& m) { add({"onEvent", key, v, m}); }
+  void onOther(const S& key, const RXValue& v, const RXValue& m) { add({"onOther", key, v, m}); }
+  Names keyValues() const {  // "key=value" of every call but the drain sentinels
     Names out;
     for (const Notification& n : items())
       if (n.key != "Sentinel") out.push_back(n.key + "=" + n.value.toString(0));
@@ -62,13 +46,11 @@ class Recorder : public RX::RXModule, public testsupport::Collector<Notification
   }
 };
 
-// A module answering "subscribe"/"unsubscribe" (collected as "subscribe:ID"),
-// with or without the "getCurrentPrecision" method that marks an extractor;
-// a failing one throws from both instead.
+// Answers subscribe/unsubscribe ("subscribe:ID"), throws if kFailing; kNoPrecision lacks getCurrentPrecision.
 class Extractor : public RX::RXModule, public testsupport::Collector<std::string> {
  public:
   enum Kind { kNoPrecision, kWorking, kFailing };
-  Extractor(boost::shared_ptr<RX::RXBroker> broker, const std::string& name, Kind kind)
+  Extractor(boost::shared_ptr<RX::RXBroker> broker, const S& name, Kind kind)
       : RXModule(broker, name), kind_(kind) {
     for (const char* method : {"subscribe", "unsubscribe"}) {
       functionName(method, name, "Starts or stops generating");
@@ -93,8 +75,7 @@ class Extractor : public RX::RXModule, public testsupport::Collector<std::string
   const Kind kind_;
 };
 
-// A service of the messaging layer with signals of one value, standing for the
-// services whose signals the memory maps onto events.
+// A messaging-layer service with signals of one value, as the ones the memory maps onto events.
 class FakeService : public mz::DynamicObject {
  public:
   explicit FakeService(const Names& signalNames) {
@@ -111,27 +92,25 @@ class FakeService : public mz::DynamicObject {
   std::map<std::string, std::unique_ptr<mz::SignalF<void(mz::AnyValue)>>> signals_;
 };
 
-// Registers a FakeService under name in the broker's session.
 inline std::shared_ptr<FakeService> registerFakeService(const boost::shared_ptr<RX::RXBroker>& broker,
-                                                        const std::string& name, const Names& signalNames,
-                                                        unsigned int* id = nullptr) {
+                                                        const std::string& name, const Names& signalNames) {
   auto service = std::make_shared<FakeService>(signalNames);
-  const unsigned int serviceId = broker->session()->registerService(name, mz::AnyObject(service));
-  if (id) *id = serviceId;
+  broker->session()->registerService(name, mz::AnyObject(service));
   return service;
 }
 
 template <typename M, typename... Args>
-boost::shared_ptr<M> startModule(const boost::shared_ptr<RX::RXBroker>& broker, const std::string& name,
-                                 Args... args) {
+boost::shared_ptr<M> startModule(boost::shared_ptr<RX::RXBroker> broker, const S& name, Args... args) {
   auto module = boost::make_shared<M>(broker, name, args...);
   module->initModule();
   return module;
 }
 
-// Collects the values delivered to a key's signal as text (delivery is synchronous).
+// What a key's signal object delivers, as text (synchronously); it must outlive that key's raises.
 struct SignalLog : testsupport::Collector<std::string> {
-  void operator()(const mz::AnyValue& v) { add(v.toRXValue().toString()); }
+  explicit SignalLog(const boost::shared_ptr<RXMemorySubscriber>& follow) {
+    follow->signal.connect([this](mz::AnyValue v) { add(v.toRXValue().toString()); });
+  }
   Names take() {
     Names got = items();
     clear();
@@ -149,9 +128,7 @@ inline bool contains(const Names& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// Runs every job on its own thread for the rounds 0..n-1 (a job is given the
-// round); the jobs meet at each round before starting it, so that what they do
-// really overlaps. Each job may take at most 60 s.
+// Runs each job on a thread for rounds 0..n-1, meeting before each so that they overlap; 60 s at most.
 inline void runTogether(int n, const std::vector<std::function<void(int)>>& jobs) {
   std::vector<std::atomic<std::size_t>> arrived(static_cast<std::size_t>(n));
   std::vector<std::future<void>> running;
@@ -168,22 +145,6 @@ inline void runTogether(int n, const std::vector<std::function<void(int)>>& jobs
   for (auto& r : running) r.get();
 }
 
-// Raises a micro-event that `r` is subscribed to and waits for it: since posts
-// to one module arrive in order, everything posted before has arrived. Counted
-// by key: calls posted earlier may still be arriving when it starts.
-inline void drain(const boost::shared_ptr<RX::RXMemory>& memory, const boost::shared_ptr<Recorder>& r) {
-  auto sentinels = [](const std::vector<Notification>& got) {
-    return std::count_if(got.begin(), got.end(), [](const Notification& n) { return n.key == "Sentinel"; });
-  };
-  const auto before = sentinels(r->items());
-  memory->subscribeToMicroEvent("Sentinel", r->getName(), "", "onEvent");
-  memory->raiseMicroEvent("Sentinel", RXValue(0));
-  ASSERT_TRUE(r->waitUntil([&](const std::vector<Notification>& got) { return sentinels(got) > before; }))
-      << r->getName() << " never received the sentinel";
-  memory->unsubscribeToMicroEvent("Sentinel", r->getName());
-}
-
-// A broker with the memory module created the way the broker process does it.
 class MemoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -204,7 +165,18 @@ class MemoryTest : public ::testing::Test {
     memory.reset();
     broker->shutdown();
   }
-  void drain(const boost::shared_ptr<Recorder>& r) { rxtest::drain(memory, r); }
+  // Raises a micro-event r follows and waits for it: posts to one module keep their order.
+  void drain(const boost::shared_ptr<Recorder>& r) {
+    auto sentinels = [](const std::vector<Notification>& got) {
+      return std::count_if(got.begin(), got.end(), [](const Notification& n) { return n.key == "Sentinel"; });
+    };
+    const auto before = sentinels(r->items());  // counted: earlier sentinels may still be arriving
+    memory->subscribeToMicroEvent("Sentinel", r->getName(), "", "onEvent");
+    memory->raiseMicroEvent("Sentinel", RXValue(0));
+    ASSERT_TRUE(r->waitUntil([&](const std::vector<Notification>& got) { return sentinels(got) > before; }))
+        << r->getName() << " never received the sentinel";
+    memory->unsubscribeToMicroEvent("Sentinel", r->getName());
+  }
   // The values, or the kinds, of keys joined by spaces: one check is one line.
   std::string values(const Names& keys) {
     return join(keys, [&](auto& k) { return memory->getData(k).toString(); });
@@ -223,18 +195,17 @@ class MemoryTest : public ::testing::Test {
   boost::shared_ptr<RX::RXMemory> memory;
 };
 
-// Runs f and returns the RXError it throws as "method|message" (or a marker).
+// The RXError f throws as "method|message" (or a marker).
 template <typename F>
 std::string errorOf(F f) {
   try {
     f();
   } catch (const RX::RXError& e) {
     EXPECT_EQ("RXMemory", e.module());
+    EXPECT_TRUE(e.line() > 0 && e.file().find(".cpp") != std::string::npos) << e.file() << ":" << e.line();
     return e.method() + "|" + e.message();
   } catch (const std::exception& e) {
     return std::string("std::exception|") + e.what();
   }
   return "no error";
 }
-
-}  // namespace rxtest
