@@ -1,6 +1,4 @@
-// The broker's HTTP status pages and live view: routes, headers, the
-// catalogue, status and live table as JSON, live streams, and what untrusted
-// clients cannot do to the server.
+// The broker's HTTP status pages and live view, and what untrusted clients cannot do to the server.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -31,8 +29,7 @@ const char* const kTextPolicy =
     "default-src 'none'; script-src 'none'; object-src 'none'; style-src 'none'; base-uri 'none'; "
     "form-action 'none'; frame-ancestors 'none'; sandbox";
 
-// A module whose page holds markup that must never run in a browser, whose
-// page renders can be held at a gate, and which offers a small live view.
+// A module whose page holds markup that must never run, whose renders wait at a gate, with a live view.
 class PageModule : public RX::RXModule {
  public:
   explicit PageModule(boost::shared_ptr<RX::RXBroker> broker) : RXModule(broker, "Pages") {
@@ -47,7 +44,6 @@ class PageModule : public RX::RXModule {
   std::string echo(const std::string& text) { return text; }
   void* rawAddress() { return this; }
   RX::LiveFeed* liveFeed() override { return &feed; }
-  std::string liveTableJson() override { return R"([{"name":"<b>a</b>"}])"; }
   std::string liveRowJson(const std::string& name) override { return R"({"name":")" + name + R"("})"; }
   std::string httpGet() override {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -198,11 +194,9 @@ TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesPoliciesAndContents) {
   for (const char* needle :
        {"<a href=\"/Pages\">Pages</a>", "Serves a page with &lt;b&gt;markup&lt;/b&gt;",
         "<a href=\"/Pages/methods.json\">2 methods</a>", "<h4>Dropped notifications</h4>",
-        "<tr><td>Pages</td><td>0</td></tr>\n</table>\n<h4>Transport</h4>\n<table><tr><th>Counter</"
-        "th><th>Count</th></tr>\n"
-        "<tr><td>clients connected</td><td>3</td></tr>\n<tr><td>cut off: "
-        "&lt;b&gt;slow&lt;/b&gt;</td><td>1</td></tr>\n"
-        "</table>"})
+        "<tr><td>Pages</td><td>0</td></tr>\n</table>\n<h4>Transport</h4>\n<table><tr><th>Counter</th>"
+        "<th>Count</th></tr>\n<tr><td>clients connected</td><td>3</td></tr>\n"
+        "<tr><td>cut off: &lt;b&gt;slow&lt;/b&gt;</td><td>1</td></tr>\n</table>"})
     EXPECT_NE(std::string::npos, res->body.find(needle)) << needle << "\n" << res->body;
   EXPECT_EQ(Server::contentSecurityPolicy(res->body), res->get_header_value("Content-Security-Policy"));
   EXPECT_NE(std::string::npos, res->get_header_value("Content-Security-Policy").find("'sha256-"));
@@ -289,16 +283,13 @@ TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn)
   for (int i = 0; i < 10000; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
   const std::string get = "GET /status.json HTTP/1.1\r\nConnection: close\r\n";
   const std::pair<std::string, std::string> cases[] = {
-      {get + headers.substr(0, headers.find("X-7")) + "\r\n",
-       "HTTP/1.1 200 OK"},  // 8 lines: the limit itself
+      {get + headers.substr(0, headers.find("X-7")) + "\r\n", "HTTP/1.1 200 OK"},  // 8 lines: the limit
       {get + headers + "\r\n",
        "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: more than 8 header "
-       "lines "
-       "(limit maxHeaderCount = 8)\n"},
+       "lines (limit maxHeaderCount = 8)\n"},
       {get + "X-Long: " + std::string(2000, 'a') + "\r\n\r\n",
        "HTTP/1.1 431 Request Header Fields Too Large\nRequest header fields too large: request head longer "
-       "than "
-       "1024 bytes (limit maxHeaderBytes = 1024)\n"},
+       "than 1024 bytes (limit maxHeaderBytes = 1024)\n"},
       {"POST /status.json HTTP/1.1\r\nContent-Length: 1000\r\n\r\n" + std::string(1000, 'b'),
        "HTTP/1.1 413 Payload Too Large\nPayload too large: request body longer than 100 bytes (limit "
        "maxPayloadBytes = 100)\n"},

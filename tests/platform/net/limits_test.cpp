@@ -1,12 +1,10 @@
-// What one client may cost the broker: writes to a client that stops reading
-// never wait and are bounded (cut off over the hard limit, or over the soft
-// limit for too long); clients, connections, handshakes and buffered input are
-// capped with clear refusals; a request whose caller hangs up is told so.
-#include <poll.h>
+// What one client may cost the broker: output towards it is bounded and never waits, a stuck
+// subscriber loses its oldest posts, and clients, connections and input are capped by name.
 #include <sys/socket.h>
 
 #include "net/writeflusher.h"
 #include "rx/rxcallcontext.h"
+#include "rx/rxexecutor.h"
 #include "transport_fixture.h"
 
 namespace nettest {
@@ -20,6 +18,8 @@ class StalledReader {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
       throw std::runtime_error("socketpair");
     far_ = fds[1];
+    const timeval timeout{std::chrono::duration_cast<std::chrono::seconds>(kWait).count(), 0};
+    ::setsockopt(far_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     near = std::make_shared<net::Connection>(fds[0], "stalled reader");
     net::OutputLimits limits;
     limits.hardBytes = hard;
@@ -31,18 +31,13 @@ class StalledReader {
   }
   ~StalledReader() { ::close(far_); }
 
-  // Reads `size` bytes from the far end, or what came within kWait.
+  // Reads `size` bytes from the far end, or what came until a read waited kWait.
   std::string read(std::size_t size) {
     std::string out;
     char chunk[65536];
-    pollfd p{far_, POLLIN, 0};
-    for (auto end = std::chrono::steady_clock::now() + kWait;
-         out.size() < size && std::chrono::steady_clock::now() < end;) {
-      if (::poll(&p, 1, 100) <= 0) continue;
-      const ssize_t n = ::read(far_, chunk, std::min(sizeof chunk, size - out.size()));
-      if (n <= 0) break;
+    ssize_t n = 0;
+    while (out.size() < size && (n = ::read(far_, chunk, std::min(sizeof chunk, size - out.size()))) > 0)
       out.append(chunk, static_cast<std::size_t>(n));
-    }
     return out;
   }
   // Writes 1 KiB chunks until the connection refuses one (at most `max`);
@@ -72,7 +67,6 @@ TEST(BufferedOutput, WritesNeverWaitAndArriveWholeAndInOrderOnceTheReaderReads) 
   ASSERT_EQ(std::future_status::ready, writing.wait_for(kWait)) << "a write waited for the stalled reader";
   EXPECT_EQ("", writing.get());
   EXPECT_GT(client.near->outputBuffered(), 0u) << "4 MiB should not all fit in the socket";
-  // The flusher writes the rest as the reader takes it.
   EXPECT_TRUE(client.read(written.size()) == written) << "bytes lost, cut or out of order";
   EXPECT_EQ(0u, client.cutOffs.size());
 }
@@ -138,8 +132,7 @@ TEST(ServerLimits, ClientsAndConnectionsBeyondTheirLimitsAreRefusedWithTheLimitN
   EXPECT_EQ(1u, small.counter("connections refused: maxConnections reached"));
 }
 
-// Each connection that costs too much is closed and counted alone; the
-// others are served.
+// Each connection that costs too much is closed and counted alone; the others are served.
 TEST(ServerLimits, HandshakeTimeoutInputBudgetAndMalformedFloods) {
   net::Server::Options options;
   options.handshakeTimeout = 100ms;
@@ -157,7 +150,6 @@ TEST(ServerLimits, HandshakeTimeoutInputBudgetAndMalformedFloods) {
   // A frame that announces 8 MiB (within the frame limit) and sends 3 MiB of it.
   std::string frame = {0, static_cast<char>(0x80), 0, 0};
   frame.append(3u << 20, '\x01');
-  // The broker closes the connection before all is sent.
   auto sending = std::async(std::launch::async, [&] { (void)errorOf([&] { greedy->sendFrames(frame); }); });
   EXPECT_NE("(still open)", nextWords(*greedy));
   ASSERT_EQ(std::future_status::ready, sending.wait_for(kWait));
@@ -193,6 +185,104 @@ TEST(ServerLimits, ARequestWhoseCallerHangsUpIsToldSo) {
   EXPECT_EQ(std::future_status::ready, waiter->ended.get_future().wait_for(kWait))
       << "the method went on polling for a caller that had gone";
   EXPECT_EQ(std::future_status::ready, calling.wait_for(kWait));
+}
+
+constexpr std::size_t kCap = 16;
+
+// A subscriber whose callback is stuck until released.
+class SlowModule : public RX::RXModule {
+ public:
+  explicit SlowModule(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Slow") {
+    advertise(this, "onEvent", &SlowModule::onEvent);
+    advertise(this, "ping", &SlowModule::ping);
+  }
+  void onEvent(const std::string&, const RX::RXValue& value, const RX::RXValue&) {
+    (void)released.wait();
+    events.add(value);
+  }
+  int ping() { return 1; }
+
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  Recorder events;
+};
+
+// Both sides' queues towards the subscriber hold kCap posts.
+template <class Options>
+Options capped() {
+  Options options;
+  options.queueCapacity = kCap;
+  return options;
+}
+
+class SlowSubscriber : public ::testing::TestWithParam<std::string> {
+ protected:
+  void TearDown() override {
+    if (slow->released.wait_for(0s) != std::future_status::ready)
+      slow->release.set_value();  // after a failure
+  }
+  std::uint64_t dropped() {
+    return broker->droppedCounts()["Slow"] + client.session->droppedCounts()["Slow"];
+  }
+
+  BrokerSide side{listenAddress(GetParam()), {}, "testbroker", capped<RX::RXBroker::Options>()};
+  ClientSide client{side.endpoint, capped<net::ClientSession::Options>()};
+  boost::shared_ptr<SlowModule> slow = boost::make_shared<SlowModule>(client.broker);
+  boost::shared_ptr<RX::RXBroker>& broker = side.broker;
+};
+
+TEST_P(SlowSubscriber, PostsToAStuckClientAreCappedCountedAndKeepTheNewest) {
+  slow->initModule();
+  boost::shared_ptr<RX::RXProxy> remote = broker->getProxy("Slow");
+  const int kPosts = 3000;
+  // The raising side only queues: the whole loop ends while the callback is stuck.
+  std::pair<int, int> notifyState{0, 0};
+  auto posting = std::async(std::launch::async, [&] {
+    for (int i = 0; i < kPosts; ++i)
+      remote->pCallNotify("onEvent", "key", RX::RXValue(i), RX::RXValue("msg"), &notifyState);
+  });
+  ASSERT_EQ(std::future_status::ready, posting.wait_for(kWait)) << "posting blocked on the stuck subscriber";
+  EXPECT_EQ(kPosts, notifyState.first);
+  // Another service of the same client is called back meanwhile.
+  broker->getProxy("Tool")->pCallNotify("onEvent", "key", RX::RXValue(7), RX::RXValue(""), &notifyState);
+  ASSERT_TRUE(client.tool->events.waitFor(1)) << "a stuck callback held up another service's";
+  // A call written behind the posts comes back once the client has read them all.
+  ASSERT_TRUE(broker->executor().drain(kWait)) << "the broker's queue towards the client did not empty";
+  EXPECT_EQ(1, remote->call<int>("ping"));
+
+  EXPECT_TRUE(broker->droppedCounts().count("Slow")) << "the broker does not report the client's service";
+  EXPECT_TRUE(client.session->droppedCounts().count("Slow")) << "the client does not report its service";
+  const std::uint64_t kept = kPosts - dropped();
+  EXPECT_GE(kept, 1u);
+  EXPECT_LE(kept, kCap + 1) << "more than the cap plus the one in the callback was kept";
+  slow->release.set_value();
+  ASSERT_TRUE(slow->events.waitFor(kept)) << "only " << slow->events.size() << " of " << kept << " arrived";
+  const std::vector<RX::RXValue> got = slow->events.items();
+  ASSERT_EQ(kept, got.size()) << "arrivals and drops do not add up to the posts";
+  for (std::size_t i = 1; i < got.size(); ++i)
+    EXPECT_LT(got[i - 1].toInt(), got[i].toInt()) << "out of order at " << i;
+  EXPECT_EQ(kPosts - 1, got.back().toInt()) << "the newest notification was not delivered last";
+  EXPECT_EQ(kPosts - kept, dropped())
+      << "the counts are totals: releasing the subscriber does not change them";
+}
+
+INSTANTIATE_TEST_SUITE_P(Net, SlowSubscriber, ::testing::Values("tcp", "unix"));
+
+TEST(DropCounters, BrokerSumsRegisteredCountersWithItsModulesCounts) {
+  auto broker = RX::RXBroker::create("counting");
+  const unsigned int first = broker->addDropCounter([] {
+    return std::map<std::string, uint64_t>{{"Remote", 3}, {"Other", 1}};
+  });
+  const unsigned int second = broker->addDropCounter([] {
+    return std::map<std::string, uint64_t>{{"Remote", 4}};
+  });
+  EXPECT_EQ((std::map<std::string, uint64_t>{{"Other", 1}, {"Remote", 7}}), broker->droppedCounts());
+  broker->removeDropCounter(first);
+  broker->removeDropCounter(first);  // unknown now: ignored
+  EXPECT_EQ((std::map<std::string, uint64_t>{{"Remote", 4}}), broker->droppedCounts());
+  broker->removeDropCounter(second);
+  EXPECT_TRUE(broker->droppedCounts().empty());
+  broker->shutdown();
 }
 
 }  // namespace

@@ -1,11 +1,7 @@
-// What a broker does with bad input and dead peers, and how a client lives
-// through a broker restart: malformed frames from a raw socket, handshake
-// rules, silent and killed clients, a port already taken, reconnection and
-// the signal connections made again on the new broker.
+// Bad endpoints and input, dead peers, and a client living through a broker restart.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "codec_util.h"
 #include "transport_fixture.h"
 
 namespace nettest {
@@ -13,12 +9,44 @@ namespace {
 
 using net::MessageKind;
 
-// A frame around hand-made body bytes.
-std::string frame(const std::string& body) {
-  const auto n = static_cast<std::uint32_t>(body.size());
-  return std::string{static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8),
-                     static_cast<char>(n)} +
-         body;
+// The canonical text of what `text` parses to, or the error.
+std::string parsed(const std::string& text) {
+  try {
+    return net::Endpoint::parse(text).toString();
+  } catch (const net::EndpointError& e) {
+    return e.what();
+  }
+}
+
+TEST(Endpoint, ParsesTcpAndUnixOrSaysWhy) {
+  const std::string kForms = "': expected tcp://HOST:PORT or unix:///path";
+  const std::string longPath = "unix:///" + std::string(200, 'p');
+  const std::pair<std::string, std::string> rows[] = {
+      {"tcp://127.0.0.1:9780", "tcp://127.0.0.1:9780"},
+      {"tcp://localhost:0", "tcp://localhost:0"},
+      {"tcp://[::1]:65535", "tcp://[::1]:65535"},
+      {"unix:///run/rx/broker.sock", "unix:///run/rx/broker.sock"},
+      {"", "invalid endpoint '" + kForms},
+      {"http://a:1", "invalid endpoint 'http://a:1" + kForms},
+      {"tcp://host", "invalid endpoint 'tcp://host': expected tcp://HOST:PORT"},
+      {"tcp://:80", "invalid endpoint 'tcp://:80': the host is empty"},
+      {"tcp://h:65536", "invalid endpoint 'tcp://h:65536': port must be 0 to 65535"},
+      {"tcp://h:8a", "invalid endpoint 'tcp://h:8a': port must be 0 to 65535"},
+      {"tcp://h:", "invalid endpoint 'tcp://h:': port must be 0 to 65535"},
+      {"tcp://::1:80", "invalid endpoint 'tcp://::1:80': an IPv6 address must be written in brackets"},
+      {"tcp://[::1]80", "invalid endpoint 'tcp://[::1]80': expected tcp://[IPV6]:PORT"},
+      {"unix://rel.sock", "invalid endpoint 'unix://rel.sock': expected unix:///absolute/path"},
+      {longPath, "invalid endpoint '" + longPath + "': the path is longer than 107 bytes"},
+  };
+  for (const auto& [text, outcome] : rows) EXPECT_EQ(outcome, parsed(text));
+  const net::Endpoint e = net::Endpoint::parse("tcp://[::1]:80");
+  EXPECT_EQ("::1 80", e.host + " " + std::to_string(e.port));
+  EXPECT_EQ(net::Endpoint::Kind::Unix, net::Endpoint::parse("unix:///a").kind);
+  EXPECT_EQ(net::Endpoint::parse("tcp://127.0.0.1:9780"), net::Endpoint::parse(net::Endpoint::kDefault));
+}
+
+std::string frame(const std::string& shortBody) {
+  return std::string{0, 0, 0, static_cast<char>(shortBody.size())} + shortBody;
 }
 
 std::string frame(const net::Message& m) {
@@ -36,7 +64,6 @@ class Liveness : public ::testing::Test {
     options.limits.maxFrameBytes = 64 * 1024;
     return options;
   }
-  // A new raw connection that has said `first`.
   std::shared_ptr<net::Connection> saying(const net::Message& first) {
     auto c = side.connect();
     c->send(first);
@@ -53,9 +80,9 @@ TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
   const std::pair<std::string, std::string> rows[] = {
       {frame(message(MessageKind::ListServices, 2)), "4/2: [[1, \"Calc\"]]"},
       // Lookup #7 whose name is the byte msgpack never uses.
-      {frame(unhex("94 01 09 07 c1")), "5/7: malformed frame: invalid msgpack byte 0xc1"},
-      {frame(unhex("93 02 09 08")), "5/8: malformed frame: unsupported protocol version 2 (expected 1)"},
-      {frame(unhex("94 01 09 09 80")), "5/9: malformed frame: maps are not values"},
+      {frame("\x94\x01\x09\x07\xc1"), "5/7: malformed frame: invalid msgpack byte 0xc1"},
+      {frame("\x93\x02\x09\x08"), "5/8: malformed frame: unsupported protocol version 2 (expected 1)"},
+      {frame("\x94\x01\x09\x09\x80"), "5/9: malformed frame: maps are not values"},
       {frame(message(MessageKind::Lookup, 10, {RX::RXValue(std::string(2000, 'n'))})),
        "5/10: malformed frame: str length 2000 exceeds maxStringBytes 1024"},
       // Well-formed but meaningless requests.
@@ -67,8 +94,7 @@ TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
        "5/13: object 999 is not exported to client raw (session raw-sess)"},
       {frame(message(MessageKind::Lookup, 14, {RX::RXValue("Nope")})), "5/14: Service not found: Nope"},
       {frame(message(MessageKind::Ping, 15)), "16/15:"},
-      // Id 0 is the id of errors about the connection: a request carrying it
-      // is not run (a Call with bad fields would say so); a Ping may use it.
+      // Id 0 is for errors about the connection: a request with it is not run; a Ping may use it.
       {frame(message(MessageKind::Call, 0, {RX::RXValue("Calc")})), "5/0: request of kind 3" + kZeroId},
       {frame(message(MessageKind::Lookup, 0, {RX::RXValue("Calc")})), "5/0: request of kind 9" + kZeroId},
       {frame(message(MessageKind::ListServices, 0)), "5/0: request of kind 17" + kZeroId},
@@ -80,8 +106,7 @@ TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
     c->sendFrames(bytes);
     EXPECT_EQ(answer, nextWords(*c));
   }
-  // A length beyond the frame limit: the stream cannot be followed any more,
-  // so that connection (only) is closed.
+  // A length beyond the frame limit: the stream is lost, so that connection only is closed.
   auto other = greeted(side, "other-session");
   c->sendFrames(std::string("\x7f\xff\xff\xff", 4));
   EXPECT_EQ(0u, nextWords(*c).find(
@@ -91,9 +116,7 @@ TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
   EXPECT_EQ("4/17: [[1, \"Calc\"]]", nextWords(*other));
 }
 
-// Hello first, one event connection per session, and no silence: neither a
-// connection that never says Hello nor a client that stops pinging is kept
-// (idle timeout 300 ms here).
+// Hello first, one event connection per session, and no silence (idle timeout 300 ms here).
 TEST_F(Liveness, HandshakeRulesAndSilentConnectionsAreClosed) {
   auto mute = side.connect();
   EXPECT_EQ("2/1: \"testbroker\"", nextWords(*saying(hello("s"))));
@@ -121,13 +144,10 @@ TEST_F(Liveness, HandshakeRulesAndSilentConnectionsAreClosed) {
   EXPECT_EQ("(closed)", nextWords(*event));
 }
 
-// The client's connections end as a crash would end them. (That its services
-// go and that posts to them fail is checked end to end with a killed client
-// process.)
+// The connections end as a crash ends them (a killed client process is checked end to end).
 TEST_F(Liveness, KilledClientIsForgotten) {
   auto client = std::make_unique<ClientSide>(side.endpoint);
   boost::shared_ptr<RX::RXProxy> tool = side.broker->getProxy("Tool");
-  // An object of the broker the client holds, and a link it follows.
   mz::AnyObject counter = client->session->service("Calc").value().call<mz::AnyObject>("makeCounter");
   std::future<void> released = side.calc->lastCounter()->destroyed.get_future();
   counter.connect("changed", [](mz::AnyValue) {}).value();
@@ -135,7 +155,6 @@ TEST_F(Liveness, KilledClientIsForgotten) {
   client.reset();
   EXPECT_EQ(std::future_status::ready, released.wait_for(kWait))
       << "the broker kept an object of a dead client";
-  // Whoever still holds a handle learns at once that the client is gone.
   EXPECT_THROW(tool->call<RX::RXValue>("subscribe", std::string("x")), mz::ObjectGoneError);
 }
 
@@ -192,12 +211,9 @@ TEST(ClientLiveness, SilentBrokerIsDroppedByTheClient) {
   ::close(fd);
 }
 
-// Across a broker restart the client reconnects and its proxies reach the new
-// broker. Signal connections it made on broker objects (a service, an object a
-// call returned) are made again with the same subscriber and still ended by
-// the application's link id; one the application ended stays ended; one that
-// cannot be made again is logged without stopping the others. (Services
-// registered again, and remakeSubscriptions off, are checked end to end.)
+// Signal connections on broker objects (a service, a returned object) are made again with the same
+// subscriber and ended by the application's link id; one ended before stays ended; one that cannot be
+// made again is logged without stopping the others. (Services registered again: end to end.)
 TEST(BrokerRestart, ClientReconnectsAndRemakesSignalConnections) {
   auto first = std::make_unique<BrokerSide>("tcp://127.0.0.1:0", net::Server::Options(), "first");
   const std::string endpoint = first->endpoint;
@@ -221,8 +237,7 @@ TEST(BrokerRestart, ClientReconnectsAndRemakesSignalConnections) {
   mz::AnyObject counter = calc.call<mz::AnyObject>("makeCounter");
   const mz::SignalLink counterLink =
       counter.connect("changed", [&](mz::AnyValue v) { counted.add(v.toRXValue()); }).value();
-  // Ended before the restart: not made again (else the counter it makes
-  // would be the new broker's last one, below).
+  // Else the counter it makes would be the new broker's last one, below.
   mz::AnyObject other = calc.call<mz::AnyObject>("makeCounter");
   other.disconnect(other.connect("changed", [](mz::AnyValue) {}).value()).waitAndCheck();
 
@@ -249,8 +264,7 @@ TEST(BrokerRestart, ClientReconnectsAndRemakesSignalConnections) {
       std::vector<std::string>{
           "warning: cannot connect to Extra signal pinged again: Service not found: Extra"},
       warnings);
-  // The application's link ids end the remade connections, through the
-  // handles it got from the first broker.
+  // Through the handles the first broker gave.
   calc.disconnect(tickLink).waitAndCheck();
   counter.disconnect(counterLink).waitAndCheck();
   EXPECT_EQ(0u, second.calc->ticked.subscriberCount());

@@ -1,7 +1,5 @@
-// Shared pieces of the transport tests: test modules, a broker serving one
-// over a real socket, a client process part (a ClientSession, a client broker
-// and a client module) in the same test process, and raw connections that
-// speak the protocol by hand.
+// The transport tests' world: a broker serving a test module over a real socket, a client
+// process part in the same test process, and raw connections speaking the protocol by hand.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,15 +8,12 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <future>
-#include <string>
-#include <vector>
 
 #include "mz/object.h"
 #include "net/clientsession.h"
 #include "net/connection.h"
 #include "net/remoteobject.h"
 #include "net/server.h"
-#include "net/wirecodec.h"
 #include "rx/rxbroker.h"
 #include "rx/rxerror.h"
 #include "rx/rxmodule.h"
@@ -47,8 +42,6 @@ struct Counter {
   ~Counter() { destroyed.set_value(); }
 };
 
-// The broker's module: errors, a call back into a client, object references
-// and a signal.
 class CalcModule : public RX::RXModule {
  public:
   explicit CalcModule(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Calc") {
@@ -57,7 +50,6 @@ class CalcModule : public RX::RXModule {
                                         .registerType(),
                                     true);
     (void)registered;
-    setModuleDescription("Test module of the transport.");
     advertise(this, "add", &CalcModule::add);
     advertise(this, "failRX", &CalcModule::failRX);
     advertise(this, "failStd", &CalcModule::failStd);
@@ -71,7 +63,6 @@ class CalcModule : public RX::RXModule {
   int add(int a, int b) { return a + b; }
   void failRX(const std::string& message) { RX_THROW("Calc", "failRX", message); }
   void failStd(const std::string& message) { throw std::runtime_error(message); }
-  // Calls a method of a service, waiting for the result (the extractor case).
   RX::RXValue callClient(const std::string& service, const std::string& method, const RX::RXValue& argument) {
     return getParentBroker()->getProxy(service)->call<RX::RXValue>(method, argument);
   }
@@ -99,7 +90,6 @@ class CalcModule : public RX::RXModule {
   boost::weak_ptr<Counter> lastCounter_;
 };
 
-// The client's module, registered at the broker through the client session.
 class ToolModule : public RX::RXModule {
  public:
   explicit ToolModule(boost::shared_ptr<RX::RXBroker> broker) : RX::RXModule(broker, "Tool") {
@@ -144,7 +134,6 @@ inline std::string listenAddress(const std::string& kind) {
   return "unix:///tmp/rxnet-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".sock";
 }
 
-// A broker serving Calc on `listen`, stopped when it goes.
 struct BrokerSide {
   explicit BrokerSide(const std::string& listen, const net::Server::Options& options = {},
                       const std::string& name = "testbroker", const RX::RXBroker::Options& brokerOptions = {})
@@ -158,7 +147,6 @@ struct BrokerSide {
     server->stop();
     broker->shutdown();
   }
-  // A raw connection to this broker.
   std::shared_ptr<net::Connection> connect() const {
     return net::Connection::connect(net::Endpoint::parse(endpoint), kWait);
   }
@@ -170,7 +158,7 @@ struct BrokerSide {
   std::string endpoint;
 };
 
-// A client process part: a session to `endpoint`, its broker and a Tool module.
+// A client process part: a session to `endpoint`, its broker and its Tool module.
 struct ClientSide {
   explicit ClientSide(const std::string& endpoint, const net::ClientSession::Options& options = {})
       : session(net::ClientSession::connect(endpoint, options)),
@@ -191,11 +179,7 @@ struct ClientSide {
 
 inline net::Message message(net::MessageKind kind, std::uint32_t requestId,
                             std::vector<RX::RXValue> fields = {}) {
-  net::Message m;
-  m.kind = static_cast<std::uint8_t>(kind);
-  m.requestId = requestId;
-  m.fields = std::move(fields);
-  return m;
+  return net::Message{static_cast<std::uint8_t>(kind), requestId, std::move(fields)};
 }
 
 inline net::Message hello(const std::string& session, const std::string& role = "call",

@@ -1,8 +1,5 @@
-// Calls, posts and signals between a client process and a broker over real
-// sockets (TCP and Unix), in both directions, for what the memory's clients
-// do not reach end to end: errors a method raises, services appearing and
-// going, object references handed back and released, signals followed both
-// ways, and broker methods that call back the very client waiting for them.
+// Calls, posts and signals between a client and a broker over TCP and Unix sockets, both ways,
+// for what the memory's clients do not reach end to end.
 #include "transport_fixture.h"
 
 namespace nettest {
@@ -17,10 +14,8 @@ class Transport : public ::testing::TestWithParam<std::string> {
   boost::shared_ptr<RX::RXProxy> calc = client.broker->getProxy("Calc");
 };
 
-// Values and overloads are covered end to end by the memory's clients; what
-// is left here is what only a broker method can raise.
+// Values and overloads are covered end to end; only a test module can raise these.
 TEST_P(Transport, CallsCarryErrors) {
-  // An RXError keeps its module, method, message, and where it was raised.
   try {
     calc->call<void>("failRX", std::string("Data not found foo"));
     ADD_FAILURE() << "no exception";
@@ -29,7 +24,7 @@ TEST_P(Transport, CallsCarryErrors) {
     EXPECT_NE(std::string::npos, e.file().find("transport_fixture.h"));
     EXPECT_GT(e.line(), 0);
   }
-  // Any other exception arrives as a RemoteError (its text is checked end to end).
+  // Its text is checked end to end.
   EXPECT_THROW(calc->call<void>("failStd", std::string("disk on fire")), net::RemoteError);
   EXPECT_EQ("Calc: no method named nope", errorOf([&] { calc->call<void>("nope", 1); }));
   EXPECT_EQ("Calc: no method add accepting (string, int)",
@@ -44,14 +39,12 @@ TEST_P(Transport, CallsCarryErrors) {
   EXPECT_EQ("Tool: no method named nope", errorOf([&] { broker->getProxy("Tool")->call<void>("nope"); }));
 }
 
-// Notifications towards a client keep their order end to end (the memory's
-// clients check it); posts from a client to the broker are checked here.
+// Notifications towards a client are checked end to end, posts towards the broker here.
 TEST_P(Transport, PostsKeepTheirOrder) {
   const int kPosts = 1000;
   for (int i = 0; i < kPosts; ++i) calc->genericPost("record", {mz::AnyValue(i)});
   EXPECT_TRUE(receivedInOrder(side.calc->recorded, kPosts));
-  // A post that can never run is dropped (and logged), as it would be locally:
-  // posters take an exception for "the target has gone" only.
+  // A post that can never run is dropped, as locally: posters only learn that the target has gone.
   EXPECT_EQ("(no exception)", errorOf([&] { calc->genericPost("nope", {}); }));
 }
 
@@ -59,14 +52,13 @@ TEST_P(Transport, FindServicesByName) {
   EXPECT_EQ("Module not found: Nope", errorOf([&] { client.broker->getProxy("Nope"); }));
   mz::AnyObject remote = session->service("Calc").value();
   EXPECT_EQ(0, remote.signalId("ticked"));
-  // Both directories, with the broker's ids; local names are not repeated.
+  // Both directories; local names are not repeated.
   std::vector<std::string> names;
   for (const auto& s : session->services()) names.push_back(s.name);
   EXPECT_EQ((std::vector<std::string>{"Calc", "Tool"}), names);
   // The client's own service is found locally, not as a remote object.
   EXPECT_EQ(nullptr, dynamic_cast<net::RemoteObject*>(session->service("Tool").value().impl().get()));
   EXPECT_EQ("testbroker", session->brokerName());
-  // Services registered and unregistered at the broker are announced, in order.
   testsupport::Collector<std::string> events;
   const mz::SignalLink added =
       session->serviceRegistered.connect([&](unsigned int, std::string name) { events.add("+" + name); });
@@ -85,14 +77,12 @@ TEST_P(Transport, ObjectReferencesTravelBothWaysAndAreReleased) {
   {
     mz::AnyObject counter = calc->call<mz::AnyObject>("makeCounter");
     destroyed = side.calc->lastCounter()->destroyed.get_future();
-    // Handed back, the reference is the broker's own object again.
     EXPECT_TRUE(calc->call<bool>("isCounter", counter));
   }
   EXPECT_EQ(std::future_status::ready, destroyed.wait_for(kWait)) << "the broker still holds the Counter";
 }
 
-// The same behaviour through both doors: the client following a signal of a
-// broker service, and the broker following a signal of a client service.
+// The client following a broker service's signal, and the broker a client service's.
 TEST_P(Transport, SignalsAreFollowedAndEmittedBothWays) {
   struct Side {
     const char* name;
@@ -114,8 +104,7 @@ TEST_P(Transport, SignalsAreFollowedAndEmittedBothWays) {
     EXPECT_EQ(0u, s.signal.subscriberCount()) << "the object still forwards to the other process";
     const mz::SignalLink link2 =
         s.remote.connect(s.signalName, [&](mz::AnyValue v) { second.add(v.toRXValue()); }).value();
-    // Emitting through the handle runs the object's signal in its own process;
-    // that emission comes back to the handle's subscriber.
+    // Emitting through the handle runs the object's signal, which comes back to the handle.
     const mz::SignalLink direct = s.signal.connect([&](mz::AnyValue v) { local.add(v.toRXValue()); });
     s.remote.emit(s.signalName, {mz::AnyValue(77)});
     EXPECT_TRUE(!s.emitWaits || local.size() == 1u) << "emit returned before the signal ran";
@@ -132,10 +121,7 @@ TEST_P(Transport, SignalsAreFollowedAndEmittedBothWays) {
 }
 
 TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
-  // The client waits in Calc.callClient while the broker calls the client's
-  // Tool.askBroker, which calls Calc.add while both outer calls wait; from
-  // several client threads at once. (One level, the extractor case, is
-  // checked end to end.)
+  // Calc.callClient -> Tool.askBroker -> Calc.add, from several client threads at once.
   const auto callClient = [&](const std::string& method, const RX::RXValue& argument) {
     return calc->call<RX::RXValue>("callClient", std::string("Tool"), method, argument);
   };
@@ -150,8 +136,7 @@ TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
     ASSERT_EQ(std::future_status::ready, results[t].wait_for(kWait)) << "deadlock?";
     EXPECT_EQ(20 * (t * 100 + 1) + 190, results[t].get());
   }
-  // A posted callback runs on the client's event reader, which must keep
-  // reading for the broker's call back to Tool.subscribe to be answered.
+  // A posted callback calling the broker, which calls the client back: the event reader must go on.
   std::pair<int, int> notifyState{0, 0};
   for (int i = 0; i < 3; ++i)
     broker->getProxy("Tool")->pCallNotify("onRelay", "key", RX::RXValue(i), RX::RXValue(""), &notifyState);

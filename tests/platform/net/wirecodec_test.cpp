@@ -1,7 +1,5 @@
-// The wire codec from the msgpack bytes up: the exact bytes of every form,
-// values and frames to bytes and back, the exact errors of malformed input and
-// of each limit, and how the frame decoder copes with split, merged and
-// malformed frames.
+// The wire codec from the msgpack bytes up: the exact bytes of every form, round trips, and the
+// exact errors of malformed input, of each limit and of split, merged and malformed frames.
 #include "net/wirecodec.h"
 
 #include <gtest/gtest.h>
@@ -10,34 +8,45 @@
 #include <cstring>
 #include <limits>
 
-#include "codec_util.h"
 #include "mz/object.h"
 #include "support/capture.h"
 
-namespace nettest {
 namespace {
 
-using net::DecodeError;
-using net::FrameDecoder;
-using net::Limits;
-using net::MessageKind;
-using net::MsgpackReader;
-using net::MsgpackWriter;
+using namespace net;
 using RX::RXValue;
 using testsupport::errorOf;
 
-std::string encoded(const RXValue& v, const net::ObjectEncoder& objects = {}) {
+// "d9 ff" -> the two bytes; spaces are ignored.
+std::string unhex(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i + 1 < text.size(); i += text[i] == ' ' ? 1 : 2)
+    if (text[i] != ' ') out += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+  return out;
+}
+
+std::string hex(const std::string& bytes) {
+  static const char digits[] = "0123456789abcdef";
+  std::string s;
+  for (unsigned char c : bytes) {
+    if (!s.empty()) s += ' ';
+    s += {digits[c >> 4], digits[c & 0x0f]};
+  }
+  return s;
+}
+
+std::string encoded(const RXValue& v, const ObjectEncoder& objects = {}) {
   std::string out;
   MsgpackWriter<std::string> w(out);
-  net::encodeValue(v, w, objects);
+  encodeValue(v, w, objects);
   return out;
 }
 
 // What decoding gives: the value as text (floats to 9 digits), or the error.
 std::string decoded(const std::string& data, const Limits& limits = Limits(),
-                    const net::ObjectDecoder& objects = {}) {
+                    const ObjectDecoder& objects = {}) {
   try {
-    const RXValue v = net::decodeValue(data.data(), data.size(), limits, objects);
+    const RXValue v = decodeValue(data.data(), data.size(), limits, objects);
     if (!v.isFloat()) return v.toString();
     char text[32];
     std::snprintf(text, sizeof text, "%.9g", v.toFloat());
@@ -54,24 +63,18 @@ std::string f64(double d) {
 }
 
 std::string frame(MessageKind kind, std::uint32_t requestId, std::vector<RXValue> fields = {}) {
-  net::Message m;
-  m.kind = static_cast<std::uint8_t>(kind);
-  m.requestId = requestId;
-  m.fields = std::move(fields);
   std::string out;
-  net::encodeFrame(m, out);
+  encodeFrame(Message{static_cast<std::uint8_t>(kind), requestId, std::move(fields)}, out);
   return out;
 }
 
-// Drains the decoder: messages as "kind/requestId: field field", errors as
-// "error kind/requestId: text" (or "error: text" when the request is not
-// known); at most 10 lines, so that a decoder stuck on an error cannot loop
-// forever. A fatal error ends the stream.
+// Messages as "kind/id: field field", errors as "error kind/id: text" ("error: text" when the request
+// is unknown); at most 10 lines, so that a decoder stuck on an error cannot loop forever.
 std::vector<std::string> drain(FrameDecoder& decoder) {
   std::vector<std::string> out;
   while (out.size() < 10) {
     try {
-      std::optional<net::Message> m = decoder.next();
+      std::optional<Message> m = decoder.next();
       if (!m) break;
       out.push_back(std::to_string(m->kind) + "/" + std::to_string(m->requestId) + ":");
       for (const RXValue& f : m->fields) out.back() += " " + f.toString();
@@ -217,14 +220,14 @@ TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTrips) {
                             nested(32)};
   for (const RXValue& v : values) {
     const std::string wire = encoded(v);
-    const RXValue back = net::decodeValue(wire.data(), wire.size(), Limits(), {});
+    const RXValue back = decodeValue(wire.data(), wire.size(), Limits(), {});
     EXPECT_TRUE(v == back && v.getType() == back.getType()) << v.toString().substr(0, 80);
   }
   // Floats cross bit-exact: float32 on the wire, no detour through double text.
   for (float f : {0.1f, -0.0f, 1e-45f, 1.17549435e-38f, 3.40282347e38f, 16777217.0f,
                   std::numeric_limits<float>::infinity(), std::nanf("0x123")}) {
     const std::string wire = encoded(RXValue(f));
-    const float back = net::decodeValue(wire.data(), wire.size(), Limits(), {}).toFloat();
+    const float back = decodeValue(wire.data(), wire.size(), Limits(), {}).toFloat();
     EXPECT_EQ(0, std::memcmp(&f, &back, sizeof f)) << f;
   }
 }
@@ -282,26 +285,26 @@ TEST(WireCodec, ForeignEncodingsAndLimits) {
   limited.feed(fourItems.data(), fourItems.size());
   EXPECT_EQ(std::vector<std::string>{"error: array length 4 exceeds maxArrayLength 3"}, drain(limited));
   // maxFrameBytes: the sender refuses to build a frame its peer would drop, and keeps what it had.
-  net::Message big;
+  Message big;
   big.fields = {RXValue(std::string(19, 'x'))};
   std::string out = "keep";
   EXPECT_EQ("frame body of 24 bytes exceeds maxFrameBytes 23",
-            errorOf([&] { net::encodeFrame(big, out, {}, 23); }));
+            errorOf([&] { encodeFrame(big, out, {}, 23); }));
   EXPECT_EQ("keep", out);
 }
 
 TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
   const mz::AnyObject a(std::make_shared<mz::DynamicObject>()), b(std::make_shared<mz::DynamicObject>());
-  const net::ObjectEncoder toId = [&](const mz::AnyObject& o) -> std::uint64_t {
+  const ObjectEncoder toId = [&](const mz::AnyObject& o) -> std::uint64_t {
     return o == a ? 0x0102030405060708ull : 9;
   };
-  const net::ObjectDecoder fromId = [&](std::uint64_t id) {
+  const ObjectDecoder fromId = [&](std::uint64_t id) {
     if (id == 5) throw std::runtime_error("no such object");
     return id == 9 ? b : id == 8 ? mz::AnyObject() : a;
   };
   EXPECT_EQ("d7 01 01 02 03 04 05 06 07 08", hex(encoded(RXValue(a), toId)));
   const std::string pair = encoded(array({RXValue(a), RXValue(b)}), toId);
-  const RXValue back = net::decodeValue(pair.data(), pair.size(), Limits(), fromId);
+  const RXValue back = decodeValue(pair.data(), pair.size(), Limits(), fromId);
   EXPECT_TRUE(back[0].toObject() == a && back[1].toObject() == b);
   EXPECT_EQ("error: object reference 5: no such object",
             decoded(unhex("d7 01 00 00 00 00 00 00 00 05"), {}, fromId));
@@ -309,13 +312,13 @@ TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
   // Without an encoder an object cannot be sent; the buffer keeps what it had.
   std::string out = "prefix";
   MsgpackWriter<std::string> w(out);
-  EXPECT_THROW(net::encodeValue(array({RXValue(1), RXValue(a)}), w), net::EncodeError);
+  EXPECT_THROW(encodeValue(array({RXValue(1), RXValue(a)}), w), EncodeError);
   EXPECT_EQ("prefix", out);
-  net::Message m;
+  Message m;
   m.fields = {RXValue(2), RXValue(b)};
   std::vector<char> frameOut{'x'};
   EXPECT_EQ("cannot send an object value: no object encoder is set",
-            errorOf([&] { net::encodeFrame(m, frameOut); }));
+            errorOf([&] { encodeFrame(m, frameOut); }));
   EXPECT_EQ(1u, frameOut.size());
 }
 
@@ -387,4 +390,3 @@ TEST(FrameDecoder, MalformedFramesFailAloneAndAnOversizedLengthIsFatal) {
 }
 
 }  // namespace
-}  // namespace nettest
