@@ -63,8 +63,7 @@ class PageModule : public RX::RXModule {
     return changed_.wait_for(lock, testsupport::kWait, [&] { return inside_ == count; });
   }
 
-  // Under the lock: the answer reaches the test through a socket, which ThreadSanitizer does not count as
-  // ordering.
+  // Locked: the answer reaches the test through a socket, which ThreadSanitizer does not see as ordering.
   int maxInside() {
     std::lock_guard<std::mutex> lock(mutex_);
     return maxInside_;
@@ -103,8 +102,7 @@ std::string receive(int fd, const std::string& until = std::string()) {
   return answer;
 }
 
-// Sends the bytes on a new connection; returns "STATUS LINE\nBODY" of the answer, or what came when it has no
-// head.
+// Sends the bytes on a new connection: "STATUS LINE\nBODY" of the answer, or what came without a head.
 std::string exchange(int port, const std::string& request) {
   const int fd = connectTo(port);
   ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
@@ -147,14 +145,15 @@ class HttpStatusTest : public ::testing::Test {
 };
 
 // Every route with its type and policy; the index and the JSON documents show the modules, their catalogue,
-// drops and transport counters.
-TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesPoliciesAndContents) {
+// drops and transport counters; live streams push the rows that changed.
+TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesPoliciesAndContentsAndStreamLiveRows) {
   const std::filesystem::path dir =
       std::filesystem::temp_directory_path() / ("rxweb" + std::to_string(getpid()));
   std::filesystem::create_directories(dir);
   std::ofstream(dir / "other.js") << "not one of the live view's files";
   Server::Options options;
   options.webDir = dir.string();
+  options.maxLiveStreams = 1;
   broker->setTransportCounters([] {
     return std::map<std::string, uint64_t>{{"clients connected", 3}, {"cut off: <b>slow</b>", 1}};
   });
@@ -171,8 +170,7 @@ TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesPoliciesAndContents) {
            Server::styleHashSource("td {font-size: 12px;}") +
            "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; sandbox"},
       {"/Nobody/methods.json", 404, "No module named Nobody on this broker\n", text, kTextPolicy},
-      // The live view's own files are checked in a browser; only they are served: nothing else of the folder,
-      // nothing above it.
+      // Only the live view's own files (checked in a browser) are served: not the rest, nothing above.
       {"/live/other.js", 404, "HTTP error 404\n", text, kTextPolicy},
       {"/live/../live.html", 404, "HTTP error 404\n", text, kTextPolicy},
       {"/live", 404, "The live view's file live.html is not installed (web folder: " + dir.string() + ")\n",
@@ -224,32 +222,12 @@ TEST_F(HttpStatusTest, AnswersByPathWithTheirTypesPoliciesAndContents) {
     EXPECT_EQ(nlohmann::json::parse(d.second), doc) << d.first;
   }
 
-  Server second(broker, "127.0.0.1", server->port());
-  EXPECT_EQ(0u, testsupport::errorOf([&] {
-                  second.start();
-                }).find("cannot serve HTTP on 127.0.0.1:" + std::to_string(server->port()) + ": "));
-}
+  const std::string taken =
+      testsupport::errorOf([&] { Server(broker, "127.0.0.1", server->port()).start(); });
+  EXPECT_EQ(0u, taken.find("cannot serve HTTP on 127.0.0.1:" + std::to_string(server->port()) + ": "))
+      << taken;
 
-TEST(HttpStatusPolicyTest, StyleHashesAndWhichStyleBlockCounts) {
-  // Standard SHA-256 vectors (the memory page's own style hash is checked in a browser).
-  EXPECT_EQ("'sha256-47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU='", Server::styleHashSource(""));
-  EXPECT_EQ("'sha256-ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0='", Server::styleHashSource("abc"));
-  const std::string none = "style-src 'none';", a = "style-src " + Server::styleHashSource("a{}") + ";";
-  const std::pair<const char*, std::string> cases[] = {
-      {"<html><head><style>a{}</style></head><body>x</body></html>", a},
-      {"<html><head></head><body><style>a{}</style></body></html>", none},  // planted in the body
-      {"<html><body>x</body></html>", none},
-      {"{\"json\": true}", none},
-      {"<html><head><style>a{}", none},  // never closed
-  };
-  for (const auto& c : cases)
-    EXPECT_NE(std::string::npos, Server::contentSecurityPolicy(c.first).find(c.second)) << c.first;
-}
-
-TEST_F(HttpStatusTest, LiveStreamsPushChangedRowsAreCappedAndEndAtStop) {
-  Server::Options options;
-  options.maxLiveStreams = 1;
-  start(options);
+  // Live streams: rows pushed once per change, capped, ended by stop().
   const std::string request = "GET /live/events HTTP/1.1\r\nHost: x\r\n\r\n";
   const int stream = connectTo(server->port());
   ::send(stream, request.data(), request.size(), MSG_NOSIGNAL);
@@ -270,6 +248,22 @@ TEST_F(HttpStatusTest, LiveStreamsPushChangedRowsAreCappedAndEndAtStop) {
   server->stop();  // returns although the stream's client is still there
   EXPECT_EQ(0u, server->liveStreams());
   ::close(stream);
+}
+
+TEST(HttpStatusPolicyTest, StyleHashesAndWhichStyleBlockCounts) {
+  // Standard SHA-256 vectors (the memory page's own style hash is checked in a browser).
+  EXPECT_EQ("'sha256-47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU='", Server::styleHashSource(""));
+  EXPECT_EQ("'sha256-ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0='", Server::styleHashSource("abc"));
+  const std::string none = "style-src 'none';", a = "style-src " + Server::styleHashSource("a{}") + ";";
+  const std::pair<const char*, std::string> cases[] = {
+      {"<html><head><style>a{}</style></head><body>x</body></html>", a},
+      {"<html><head></head><body><style>a{}</style></body></html>", none},  // planted in the body
+      {"<html><body>x</body></html>", none},
+      {"{\"json\": true}", none},
+      {"<html><head><style>a{}", none},  // never closed
+  };
+  for (const auto& c : cases)
+    EXPECT_NE(std::string::npos, Server::contentSecurityPolicy(c.first).find(c.second)) << c.first;
 }
 
 TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn) {
@@ -306,8 +300,7 @@ TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn)
 
 TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
   start();
-  // Eight clients trickle a request a byte at a time; the server's default threads and request deadline must
-  // leave room for a normal request.
+  // The default threads and request deadline leave room for a request while eight clients trickle theirs.
   std::vector<int> slow;
   for (int i = 0; i < 8; ++i) {
     slow.push_back(connectTo(server->port()));

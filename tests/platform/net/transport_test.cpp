@@ -372,32 +372,6 @@ std::string parsed(const std::string& text) {
   }
 }
 
-TEST(Endpoint, ParsesTcpAndUnixOrSaysWhy) {
-  const std::string kForms = "': expected tcp://HOST:PORT or unix:///path";
-  const std::string longPath = "unix:///" + std::string(200, 'p');
-  const std::pair<std::string, std::string> rows[] = {
-      {"tcp://127.0.0.1:9780", "tcp://127.0.0.1:9780"},
-      {"tcp://localhost:0", "tcp://localhost:0"},
-      {"tcp://[::1]:65535", "tcp://[::1]:65535"},
-      {"unix:///run/rx/broker.sock", "unix:///run/rx/broker.sock"},
-      {"", "invalid endpoint '" + kForms},
-      {"http://a:1", "invalid endpoint 'http://a:1" + kForms},
-      {"tcp://host", "invalid endpoint 'tcp://host': expected tcp://HOST:PORT"},
-      {"tcp://:80", "invalid endpoint 'tcp://:80': the host is empty"},
-      {"tcp://h:65536", "invalid endpoint 'tcp://h:65536': port must be 0 to 65535"},
-      {"tcp://h:8a", "invalid endpoint 'tcp://h:8a': port must be 0 to 65535"},
-      {"tcp://h:", "invalid endpoint 'tcp://h:': port must be 0 to 65535"},
-      {"tcp://::1:80", "invalid endpoint 'tcp://::1:80': an IPv6 address must be written in brackets"},
-      {"tcp://[::1]80", "invalid endpoint 'tcp://[::1]80': expected tcp://[IPV6]:PORT"},
-      {"unix://rel.sock", "invalid endpoint 'unix://rel.sock': expected unix:///absolute/path"},
-      {longPath, "invalid endpoint '" + longPath + "': the path is longer than 107 bytes"},
-  };
-  for (const auto& [text, outcome] : rows) EXPECT_EQ(outcome, parsed(text));
-  const net::Endpoint e = net::Endpoint::parse("tcp://[::1]:80");
-  EXPECT_EQ("::1 80", e.host + " " + std::to_string(e.port));
-  EXPECT_EQ(net::Endpoint::parse("tcp://127.0.0.1:9780"), net::Endpoint::parse(net::Endpoint::kDefault));
-}
-
 class Liveness : public ::testing::Test {
  protected:
   static net::Server::Options options() {
@@ -495,7 +469,30 @@ TEST_F(Liveness, KilledClientIsForgotten) {
   EXPECT_THROW(tool->call<RXValue>("subscribe", std::string("x")), mz::ObjectGoneError);
 }
 
-TEST_F(Liveness, TakenAddressesAreReported) {
+TEST_F(Liveness, EndpointsAreParsedOrRefusedAndTakenOnesAreReported) {
+  const std::string kForms = "': expected tcp://HOST:PORT or unix:///path";
+  const std::string longPath = "unix:///" + std::string(200, 'p');
+  const std::pair<std::string, std::string> rows[] = {
+      {"tcp://127.0.0.1:9780", "tcp://127.0.0.1:9780"},
+      {"tcp://localhost:0", "tcp://localhost:0"},
+      {"tcp://[::1]:65535", "tcp://[::1]:65535"},
+      {"unix:///run/rx/broker.sock", "unix:///run/rx/broker.sock"},
+      {"", "invalid endpoint '" + kForms},
+      {"http://a:1", "invalid endpoint 'http://a:1" + kForms},
+      {"tcp://host", "invalid endpoint 'tcp://host': expected tcp://HOST:PORT"},
+      {"tcp://:80", "invalid endpoint 'tcp://:80': the host is empty"},
+      {"tcp://h:65536", "invalid endpoint 'tcp://h:65536': port must be 0 to 65535"},
+      {"tcp://h:8a", "invalid endpoint 'tcp://h:8a': port must be 0 to 65535"},
+      {"tcp://h:", "invalid endpoint 'tcp://h:': port must be 0 to 65535"},
+      {"tcp://::1:80", "invalid endpoint 'tcp://::1:80': an IPv6 address must be written in brackets"},
+      {"tcp://[::1]80", "invalid endpoint 'tcp://[::1]80': expected tcp://[IPV6]:PORT"},
+      {"unix://rel.sock", "invalid endpoint 'unix://rel.sock': expected unix:///absolute/path"},
+      {longPath, "invalid endpoint '" + longPath + "': the path is longer than 107 bytes"},
+  };
+  for (const auto& [text, outcome] : rows) EXPECT_EQ(outcome, parsed(text));
+  const net::Endpoint e = net::Endpoint::parse("tcp://[::1]:80");
+  EXPECT_EQ("::1 80", e.host + " " + std::to_string(e.port));
+  EXPECT_EQ(net::Endpoint::parse("tcp://127.0.0.1:9780"), net::Endpoint::parse(net::Endpoint::kDefault));
   const std::string path = listenAddress("unix");
   net::Server unixServer(side.broker, {path});
   unixServer.start();
@@ -655,7 +652,9 @@ class StalledReader {
   int far_ = -1;
 };
 
-TEST(BufferedOutput, WritesNeverWaitAndArriveWholeAndInOrderOnceTheReaderReads) {
+// Writes never wait and arrive whole and in order once the reader reads; a client over the hard limit, or
+// over the soft one for too long, is cut off once.
+TEST(BufferedOutput, NeverWaitsAndIsCutOffOnceOverItsLimits) {
   StalledReader client(16u << 20, 16u << 20, std::chrono::hours(1));
   std::string written;
   auto writing = std::async(std::launch::async, [&] { return client.writeUntilRefused(4096, &written); });
@@ -664,9 +663,7 @@ TEST(BufferedOutput, WritesNeverWaitAndArriveWholeAndInOrderOnceTheReaderReads) 
   EXPECT_GT(client.near->outputBuffered(), 0u) << "4 MiB should not all fit in the socket";
   EXPECT_TRUE(client.read(written.size()) == written) << "bytes lost, cut or out of order";
   EXPECT_EQ(0u, client.cutOffs.size());
-}
 
-TEST(BufferedOutput, AClientOverTheHardLimitOrTheSoftOneForTooLongIsCutOffOnce) {
   StalledReader hard(64u << 10, 64u << 10, std::chrono::hours(1));
   const std::string error = hard.writeUntilRefused(100000);
   EXPECT_NE(std::string::npos, error.find("cut off: output buffer of ")) << error;
@@ -690,7 +687,8 @@ TEST(BufferedOutput, AClientOverTheHardLimitOrTheSoftOneForTooLongIsCutOffOnce) 
                     "soft: output buffer over its soft limit softOutputBytes 16384 for 500 ms ("));
 }
 
-TEST(ServerLimits, ClientsAndConnectionsBeyondTheirLimitsAreRefusedWithTheLimitNamed) {
+// Clients, connections, handshakes and buffered input are capped with the limit named and counted.
+TEST(ServerLimits, WhatOneClientMayCostIsCappedByNameAndCounted) {
   net::Server::Options options;
   options.maxClients = 1;
   BrokerSide side("tcp://127.0.0.1:0", options);
@@ -707,40 +705,38 @@ TEST(ServerLimits, ClientsAndConnectionsBeyondTheirLimitsAreRefusedWithTheLimitN
   const auto open = {small.connect(), small.connect(), small.connect()};  // greeted or not, they count
   EXPECT_EQ("5/0: too many connections: maxConnections 3 reached", nextWords(*small.connect()));
   EXPECT_EQ(1u, small.counter("connections refused: maxConnections reached"));
-}
 
-// Each connection that costs too much is closed and counted alone; the others are served.
-TEST(ServerLimits, HandshakeTimeoutInputBudgetAndMalformedFloods) {
-  net::Server::Options options;
-  options.handshakeTimeout = 100ms;
-  options.idleTimeout = std::chrono::hours(1);
-  options.maxInputBytes = 1u << 20;
-  BrokerSide side("tcp://127.0.0.1:0", options);
+  // Each connection that costs too much is closed and counted alone; the others are served.
+  net::Server::Options costly;
+  costly.handshakeTimeout = 100ms;
+  costly.idleTimeout = std::chrono::hours(1);
+  costly.maxInputBytes = 1u << 20;
+  BrokerSide guarded("tcp://127.0.0.1:0", costly);
   testsupport::LogLines log("net.server");
-  auto dripping = side.connect();
+  auto dripping = guarded.connect();
   dripping->sendFrames(std::string(2, '\0'));  // half a frame header, then nothing
   EXPECT_EQ("(closed)", nextWords(*dripping));
-  EXPECT_EQ(1u, side.counter("connections closed: no Hello within handshakeTimeout"));
-  EXPECT_FALSE(greeted(side, "in-time")->isClosed());
+  EXPECT_EQ(1u, guarded.counter("connections closed: no Hello within handshakeTimeout"));
+  EXPECT_FALSE(greeted(guarded, "in-time")->isClosed());
 
-  auto greedy = greeted(side, "greedy");
+  auto greedy = greeted(guarded, "greedy");
   // A frame that announces 8 MiB (within the frame limit) and sends 3 MiB of it.
   std::string frame = {0, static_cast<char>(0x80), 0, 0};
   frame.append(3u << 20, '\x01');
   auto sending = std::async(std::launch::async, [&] { (void)errorOf([&] { greedy->sendFrames(frame); }); });
   EXPECT_NE("(still open)", nextWords(*greedy));
   ASSERT_EQ(std::future_status::ready, sending.wait_for(kWait));
-  EXPECT_EQ(1u, side.counter("connections closed: buffered input over maxInputBytes"));
-  EXPECT_NO_THROW(greeted(side, "modest")) << "the others are still served";
+  EXPECT_EQ(1u, guarded.counter("connections closed: buffered input over maxInputBytes"));
+  EXPECT_NO_THROW(greeted(guarded, "modest")) << "the others are still served";
 
   // A flood of malformed frames is counted, but logged once a second.
-  auto flooding = greeted(side, "flooding");
+  auto flooding = greeted(guarded, "flooding");
   std::string frames;
   for (int i = 0; i < 500; ++i) frames += std::string{0, 0, 0, 1, static_cast<char>(0xc1)};
   flooding->sendFrames(frames);
   flooding->send(message(net::MessageKind::Ping, 99));
   EXPECT_EQ("16/99:", nextWords(*flooding));  // served in order: the flood is behind us
-  EXPECT_EQ(500u, side.counter("malformed frames received"));
+  EXPECT_EQ(500u, guarded.counter("malformed frames received"));
   const std::vector<std::string> logged = log.items();
   const auto lines = std::count_if(logged.begin(), logged.end(), [](const std::string& l) {
     return l.find("malformed frame") != std::string::npos;
@@ -829,17 +825,14 @@ TEST_P(SlowSubscriber, PostsToAStuckClientAreCappedCountedAndKeepTheNewest) {
 INSTANTIATE_TEST_SUITE_P(Net, SlowSubscriber, ::testing::Values("tcp", "unix"));
 
 TEST(DropCounters, BrokerSumsRegisteredCountersWithItsModulesCounts) {
+  using Counts = std::map<std::string, uint64_t>;
   auto broker = RX::RXBroker::create("counting");
-  const unsigned int first = broker->addDropCounter([] {
-    return std::map<std::string, uint64_t>{{"Remote", 3}, {"Other", 1}};
-  });
-  const unsigned int second = broker->addDropCounter([] {
-    return std::map<std::string, uint64_t>{{"Remote", 4}};
-  });
-  EXPECT_EQ((std::map<std::string, uint64_t>{{"Other", 1}, {"Remote", 7}}), broker->droppedCounts());
+  const unsigned int first = broker->addDropCounter([] { return Counts{{"Remote", 3}, {"Other", 1}}; });
+  const unsigned int second = broker->addDropCounter([] { return Counts{{"Remote", 4}}; });
+  EXPECT_EQ((Counts{{"Other", 1}, {"Remote", 7}}), broker->droppedCounts());
   broker->removeDropCounter(first);
   broker->removeDropCounter(first);  // unknown now: ignored
-  EXPECT_EQ((std::map<std::string, uint64_t>{{"Remote", 4}}), broker->droppedCounts());
+  EXPECT_EQ((Counts{{"Remote", 4}}), broker->droppedCounts());
   broker->removeDropCounter(second);
   EXPECT_TRUE(broker->droppedCounts().empty());
   broker->shutdown();

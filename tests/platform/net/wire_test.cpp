@@ -319,7 +319,7 @@ TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
   EXPECT_EQ(1u, frameOut.size());
 }
 
-TEST(FrameDecoder, FramesSplitAtEveryByteBoundary) {
+TEST(FrameDecoder, FramesSplitAnywhereMalformedOnesFailAloneAndAnOversizedLengthIsFatal) {
   const std::string stream = frame(MessageKind::Hello, 0, {RXValue("session-1")}) +
                              frame(MessageKind::Call, 4000000000u,
                                    {RXValue("RXMemory"), RXValue("getData"), array({RXValue("k")})}) +
@@ -337,14 +337,12 @@ TEST(FrameDecoder, FramesSplitAtEveryByteBoundary) {
     ASSERT_EQ(expected, got) << "cut at byte " << cut;
     EXPECT_EQ(0u, d.buffered());
   }
-  FrameDecoder d;
-  (void)d.prepare(4);
-  EXPECT_THROW(d.commit(1u << 30), std::out_of_range) << "committed beyond the room prepared";
-}
+  FrameDecoder room;
+  (void)room.prepare(4);
+  EXPECT_THROW(room.commit(1u << 30), std::out_of_range) << "committed beyond the room prepared";
 
-// A malformed frame fails alone, naming its request when it can be read, and the next frame is decoded; a
-// length over maxFrameBytes ends the stream.
-TEST(FrameDecoder, MalformedFramesFailAloneAndAnOversizedLengthIsFatal) {
+  // A malformed frame fails alone, naming its request when it can be read, and the next frame is decoded; a
+  // length over maxFrameBytes ends the stream.
   const std::pair<std::string, const char*> cases[] = {
       {unhex("94 01 03 09 a5 61 62"), "error 3/9: truncated str: need 5 bytes, 2 left"},
       {unhex("95 01 03 09 01"), "error: truncated array: 5 elements need at least 5 bytes, 4 left"},
@@ -360,9 +358,9 @@ TEST(FrameDecoder, MalformedFramesFailAloneAndAnOversizedLengthIsFatal) {
   const std::string before = frame(MessageKind::Call, 1, {RXValue("before")});
   const std::string after = frame(MessageKind::Call, 2, {RXValue("after")});
   for (const auto& [body, error] : cases) {
-    const std::string stream = before + std::string{0, 0, 0, static_cast<char>(body.size())} + body + after;
+    const std::string framed = before + std::string{0, 0, 0, static_cast<char>(body.size())} + body + after;
     FrameDecoder d;
-    d.feed(stream.data(), stream.size());
+    d.feed(framed.data(), framed.size());
     EXPECT_EQ((std::vector<std::string>{"3/1: \"before\"", error, "3/2: \"after\""}), drain(d));
   }
   Limits limits;
@@ -370,8 +368,8 @@ TEST(FrameDecoder, MalformedFramesFailAloneAndAnOversizedLengthIsFatal) {
   FrameDecoder d(limits);
   const std::string ok = frame(MessageKind::Emit, 5, {RXValue(std::string(90, 'e'))});
   // Known as soon as the length arrives: no waiting for a body that may never come.
-  const std::string stream = ok + unhex("00 00 00 65");  // 101
-  d.feed(stream.data(), stream.size());
+  const std::string oversized = ok + unhex("00 00 00 65");  // 101
+  d.feed(oversized.data(), oversized.size());
   EXPECT_EQ((std::vector<std::string>{"12/5: \"" + std::string(90, 'e') + "\"",
                                       "error: frame length 101 exceeds maxFrameBytes 100"}),
             drain(d));
@@ -396,7 +394,7 @@ std::string take(Outbox& box, std::size_t budget) {
   return out;
 }
 
-TEST(Outbox, CappedLanesDropTheirOldestWaitingFrameOnly) {
+TEST(Outbox, CappedLanesDropTheirOldestWaitingFrameOnlyAndFramesLeaveWholeInOrder) {
   Outbox box;
   constexpr std::uint64_t kPosts = 7, kEvents = 9;
   EXPECT_EQ(0u, box.push("R1.", Outbox::kUncapped, 0));
@@ -416,10 +414,8 @@ TEST(Outbox, CappedLanesDropTheirOldestWaitingFrameOnly) {
   EXPECT_EQ("2.e2.R2.a5.a6.", take(box, 1000));
   EXPECT_TRUE(box.empty());
   EXPECT_EQ(0u, box.footprint());
-}
 
-TEST(Outbox, GathersManyFramesAndResumesMidFrame) {
-  Outbox box;
+  // Many frames go out in one gather, and a write that stops mid-frame resumes there.
   std::string all;
   for (int i = 0; i < 100; ++i) {
     const std::string frame = "frame" + std::to_string(i) + ";";
