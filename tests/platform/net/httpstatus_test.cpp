@@ -298,8 +298,10 @@ TEST_F(HttpStatusTest, RequestsBreakingALimitAreRefusedByNameAndTheServerGoesOn)
   }
 }
 
-TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
-  start();
+TEST_F(HttpStatusTest, OthersAreServedWhileClientsTrickleAndModulePagesRenderOneAtATime) {
+  Server::Options options;
+  options.maxWaitingPageRenders = 1;
+  start(options);
   // The default threads and request deadline leave room for a request while eight clients trickle theirs.
   std::vector<int> slow;
   for (int i = 0; i < 8; ++i) {
@@ -316,12 +318,7 @@ TEST_F(HttpStatusTest, SlowClientsDoNotHoldUpOthers) {
   trickle.join();
   for (int fd : slow) ::close(fd);
   EXPECT_EQ("200", answer) << "within 5 s while 8 clients trickle";
-}
 
-TEST_F(HttpStatusTest, ModulePagesRenderOneAtATimeWithFewWaiting) {
-  Server::Options options;
-  options.maxWaitingPageRenders = 1;
-  start(options);
   module->setGate(true);
   auto first = statusAsync("/Pages");
   ASSERT_TRUE(module->waitInside(1)) << "the first render did not start";

@@ -40,7 +40,6 @@ void advertise(M* m, const std::string& name, R (M::*member)(A...)) {
   m->advertiseMethod(m->getCurrentMethodDescription(), m, member);
 }
 
-// An object type the broker's test module hands out.
 struct Counter {
   mz::SignalF<void(mz::AnyValue)> changed;
   std::promise<void> destroyed;
@@ -195,8 +194,7 @@ net::Message hello(const std::string& session, const std::string& role = "call",
   return message(net::MessageKind::Hello, id, {RXValue(session), RXValue(role), RXValue("raw")});
 }
 
-// What the broker says next on `c`: "kind/id: error text" for an Error, "kind/id: field field" for anything
-// else, "(closed)" or "(still open)" when nothing comes within kWait.
+// What the broker says next: "kind/id: error text", "kind/id: fields", or "(closed)" / "(still open)".
 std::string nextWords(net::Connection& c) {
   c.setReadTimeout(kWait);
   net::Message m;
@@ -540,9 +538,8 @@ TEST(ClientLiveness, SilentBrokerIsDroppedByTheClient) {
   ::close(fd);
 }
 
-// Signal connections on broker objects (a service, a returned object) are made again with the same subscriber
-// and ended by the application's link id; one ended before stays ended; one that cannot be made again is
-// logged without stopping the others. (Services registered again: end to end.)
+// Signal connections on a service or a returned object are made again with their subscriber and ended by the
+// application's link id; one ended before is not; one that cannot be is logged, the others go on.
 TEST(BrokerRestart, ClientReconnectsAndRemakesSignalConnections) {
   auto first = std::make_unique<BrokerSide>("tcp://127.0.0.1:0", net::Server::Options(), "first");
   const std::string endpoint = first->endpoint;
@@ -614,13 +611,10 @@ class StalledReader {
     const timeval timeout{std::chrono::duration_cast<std::chrono::seconds>(kWait).count(), 0};
     ::setsockopt(far_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     near = std::make_shared<net::Connection>(fds[0], "stalled reader");
-    net::OutputLimits limits;
-    limits.hardBytes = hard;
-    limits.softBytes = soft;
-    limits.softTime = softTime;
-    near->setBufferedOutput(limits, flusher_, [this](bool hardLimit, const std::string& reason) {
-      cutOffs.add((hardLimit ? "hard: " : "soft: ") + reason);
-    });
+    near->setBufferedOutput(net::OutputLimits{hard, soft, softTime}, flusher_,
+                            [this](bool hardLimit, const std::string& reason) {
+                              cutOffs.add((hardLimit ? "hard: " : "soft: ") + reason);
+                            });
   }
   ~StalledReader() { ::close(far_); }
 
@@ -778,18 +772,17 @@ class SlowSubscriber : public ::testing::TestWithParam<std::string> {
       slow->release.set_value();  // after a failure
   }
   std::uint64_t dropped() {
-    return broker->droppedCounts()["Slow"] + client.session->droppedCounts()["Slow"];
+    return side.broker->droppedCounts()["Slow"] + client.session->droppedCounts()["Slow"];
   }
 
   BrokerSide side{listenAddress(GetParam()), {}, "testbroker", capped<RX::RXBroker::Options>()};
   ClientSide client{side.endpoint, capped<net::ClientSession::Options>()};
   boost::shared_ptr<SlowModule> slow = boost::make_shared<SlowModule>(client.broker);
-  boost::shared_ptr<RX::RXBroker>& broker = side.broker;
 };
 
 TEST_P(SlowSubscriber, PostsToAStuckClientAreCappedCountedAndKeepTheNewest) {
   slow->initModule();
-  boost::shared_ptr<RX::RXProxy> remote = broker->getProxy("Slow");
+  boost::shared_ptr<RX::RXProxy> remote = side.broker->getProxy("Slow");
   const int kPosts = 3000;
   // The raising side only queues: the whole loop ends while the callback is stuck.
   std::pair<int, int> notifyState{0, 0};
@@ -800,13 +793,14 @@ TEST_P(SlowSubscriber, PostsToAStuckClientAreCappedCountedAndKeepTheNewest) {
   ASSERT_EQ(std::future_status::ready, posting.wait_for(kWait)) << "posting blocked on the stuck subscriber";
   EXPECT_EQ(kPosts, notifyState.first);
   // Another service of the same client is called back meanwhile.
-  broker->getProxy("Tool")->pCallNotify("onEvent", "key", RXValue(7), RXValue(""), &notifyState);
+  side.broker->getProxy("Tool")->pCallNotify("onEvent", "key", RXValue(7), RXValue(""), &notifyState);
   ASSERT_TRUE(client.tool->events.waitFor(1)) << "a stuck callback held up another service's";
   // A call written behind the posts comes back once the client has read them all.
-  ASSERT_TRUE(broker->executor().drain(kWait)) << "the broker's queue towards the client did not empty";
-  EXPECT_EQ("subscribed x", broker->getProxy("Tool")->call<RXValue>("subscribe", RXValue("x")).toString(0));
+  ASSERT_TRUE(side.broker->executor().drain(kWait)) << "the broker's queue towards the client did not empty";
+  EXPECT_EQ("subscribed x",
+            side.broker->getProxy("Tool")->call<RXValue>("subscribe", RXValue("x")).toString(0));
 
-  EXPECT_TRUE(broker->droppedCounts().count("Slow")) << "the broker does not report the client's service";
+  EXPECT_TRUE(side.broker->droppedCounts().count("Slow")) << "the broker does not name the client's service";
   EXPECT_TRUE(client.session->droppedCounts().count("Slow")) << "the client does not report its service";
   const std::uint64_t kept = kPosts - dropped();
   EXPECT_GE(kept, 1u);

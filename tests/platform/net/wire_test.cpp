@@ -1,5 +1,4 @@
-// The wire from the msgpack bytes up, with the exact errors of malformed input and of each limit; and the
-// outbox where frames wait for a slow socket (a capped lane drops its oldest waiting frame only).
+// The wire from the msgpack bytes up, with the exact errors of bad input and of each limit; and the outbox.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -68,8 +67,7 @@ std::string frame(MessageKind kind, std::uint32_t requestId, std::vector<RXValue
   return out;
 }
 
-// Messages as "kind/id: field field", errors as "error kind/id: text" ("error: text" when the request is
-// unknown); at most 10 lines, so that a decoder stuck on an error cannot loop forever.
+// Messages as "kind/id: fields", errors as "error kind/id: text"; at most 10, so a stuck decoder cannot loop.
 std::vector<std::string> drain(FrameDecoder& decoder) {
   std::vector<std::string> out;
   while (out.size() < 10) {
@@ -100,7 +98,7 @@ RXValue nested(int levels) {
   return v;
 }
 
-TEST(Msgpack, IntsTakeTheSmallestFormAndReadBack) {
+TEST(Msgpack, IntsAndLengthsTakeTheSmallestFormAtEveryBoundaryAndReadBack) {
   // clang-format off
   const std::pair<std::int64_t, const char*> ints[] = {
       {0, "00"}, {127, "7f"}, {128, "cc 80"}, {255, "cc ff"}, {256, "cd 01 00"}, {65535, "cd ff ff"},
@@ -128,11 +126,9 @@ TEST(Msgpack, IntsTakeTheSmallestFormAndReadBack) {
   EXPECT_EQ(UINT64_MAX, r.readUInt());
   EXPECT_EQ(5u, r.readUInt());
   EXPECT_EQ(-2, r.readInt());
-}
 
-// What the writer puts before the payload of a str, bin or ext of n bytes, or before n items of an array or n
-// entries of a map; the reader reads it back.
-TEST(Msgpack, LengthHeadersAtEveryBoundary) {
+  // What the writer puts before the payload of a str, bin or ext of n bytes, or before n items of an array or
+  // n entries of a map; the reader reads it back.
   const struct {
     char kind;
     std::size_t n;
@@ -203,7 +199,7 @@ TEST(Msgpack, ErrorsArePreciseAndLeaveTheCursor) {
   }
 }
 
-TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTrips) {
+TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTripsAndForeignFormsAndLimitsAreChecked) {
   const RXValue kinds = array({RXValue(5), RXValue("a"), RXValue(), RXValue(true), RXValue(-1),
                                RXValue(INT32_MIN), RXValue(1.5f), RXValue(RXValue::Binary{0x00, 0xff})});
   EXPECT_EQ("98 05 a1 61 c0 c3 ff d2 80 00 00 00 ca 3f c0 00 00 c4 02 00 ff", hex(encoded(kinds)));
@@ -231,9 +227,8 @@ TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTrips) {
     const float back = decodeValue(wire.data(), wire.size(), Limits(), {}).toFloat();
     EXPECT_EQ(0, std::memcmp(&f, &back, sizeof f)) << f;
   }
-}
 
-TEST(WireCodec, ForeignEncodingsAndLimits) {
+  // What other encoders send, and every limit.
   Limits small;
   small.maxStringBytes = 4;
   small.maxArrayLength = 3;
@@ -311,8 +306,7 @@ TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
   MsgpackWriter<std::string> w(out);
   EXPECT_THROW(encodeValue(array({RXValue(1), RXValue(a)}), w), EncodeError);
   EXPECT_EQ("prefix", out);
-  Message m;
-  m.fields = {RXValue(2), RXValue(b)};
+  const Message m{0, 0, {RXValue(2), RXValue(b)}};
   std::vector<char> frameOut{'x'};
   EXPECT_EQ("cannot send an object value: no object encoder is set",
             errorOf([&] { encodeFrame(m, frameOut); }));
