@@ -1,5 +1,4 @@
-// The transport over real sockets, for what the memory's clients do not reach end to end. The world: a broker
-// serving a test module, a client process part in this process, raw connections.
+// The transport over real sockets, for what the memory's clients do not reach end to end.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>

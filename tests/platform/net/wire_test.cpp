@@ -199,7 +199,7 @@ TEST(Msgpack, ErrorsArePreciseAndLeaveTheCursor) {
   }
 }
 
-TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTripsAndForeignFormsAndLimitsAreChecked) {
+TEST(WireCodec, EveryValueAndObjectHasItsEncodingAndForeignFormsAndLimitsAreChecked) {
   const RXValue kinds = array({RXValue(5), RXValue("a"), RXValue(), RXValue(true), RXValue(-1),
                                RXValue(INT32_MIN), RXValue(1.5f), RXValue(RXValue::Binary{0x00, 0xff})});
   EXPECT_EQ("98 05 a1 61 c0 c3 ff d2 80 00 00 00 ca 3f c0 00 00 c4 02 00 ff", hex(encoded(kinds)));
@@ -239,7 +239,8 @@ TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTripsAndForeignFormsAndLimit
     std::string outcome;
     Limits limits = Limits();
   } rows[] = {
-      // float64 from other encoders (non-minimal ints are read by the Msgpack tests).
+      // Non-minimal forms and float64 from other encoders.
+      {unhex("cd 00 05"), "5"},
       {f64(0.1), "0.100000001"},
       // Narrowing at the edge of the float32 range: what rounds to FLT_MAX is kept, what would round to
       // infinity is refused, infinities pass as sent.
@@ -247,6 +248,7 @@ TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTripsAndForeignFormsAndLimit
       {f64(-0x1.fffffefffffffp127), "-3.40282347e+38"},  // just below the midpoint
       {f64(0x1.ffffffp127), "error: float out of 32-bit range: 3.4028235677973366e+38"},
       {f64(-1e39), "error: float out of 32-bit range: -1e+39"},
+      {f64(1.7976931348623157e308), "error: float out of 32-bit range: 1.7976931348623157e+308"},
       {f64(kInf), "inf"},
       {f64(-kInf), "-inf"},
       {f64(1e-50), "0"},  // underflow is ordinary rounding
@@ -283,9 +285,8 @@ TEST(WireCodec, EveryValueKindHasItsEncodingAndRoundTripsAndForeignFormsAndLimit
   EXPECT_EQ("frame body of 24 bytes exceeds maxFrameBytes 23",
             errorOf([&] { encodeFrame(big, out, {}, 23); }));
   EXPECT_EQ("keep", out);
-}
 
-TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
+  // Objects travel as ids through the caller's functions.
   const mz::AnyObject a(std::make_shared<mz::DynamicObject>()), b(std::make_shared<mz::DynamicObject>());
   const ObjectEncoder toId = [&](const mz::AnyObject& o) -> std::uint64_t {
     return o == a ? 0x0102030405060708ull : 9;
@@ -302,10 +303,10 @@ TEST(WireCodec, ObjectsTravelAsIdsThroughTheCallerFunctions) {
             decoded(unhex("d7 01 00 00 00 00 00 00 00 05"), {}, fromId));
   EXPECT_EQ("error: unknown object reference 8", decoded(unhex("d7 01 00 00 00 00 00 00 00 08"), {}, fromId));
   // Without an encoder an object cannot be sent; the buffer keeps what it had.
-  std::string out = "prefix";
-  MsgpackWriter<std::string> w(out);
+  std::string prefixed = "prefix";
+  MsgpackWriter<std::string> w(prefixed);
   EXPECT_THROW(encodeValue(array({RXValue(1), RXValue(a)}), w), EncodeError);
-  EXPECT_EQ("prefix", out);
+  EXPECT_EQ("prefix", prefixed);
   const Message m{0, 0, {RXValue(2), RXValue(b)}};
   std::vector<char> frameOut{'x'};
   EXPECT_EQ("cannot send an object value: no object encoder is set",
