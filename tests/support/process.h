@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -148,10 +149,14 @@ class BrokerProcess {
  public:
   BrokerProcess(const std::string& program, const std::string& dataPath,
                 const std::vector<std::string>& listen, const std::vector<std::string>& extra = {},
-                bool mergeLog = false)
-      : child_(arguments(program, dataPath, listen, extra), mergeLog) {
+                bool mergeLog = false) {
+    std::vector<std::string> args{program, "--data-path", dataPath, "--log", "*=warning"};
+    for (const std::string& endpoint : listen) args.insert(args.end(), {"--listen", endpoint});
+    args.insert(args.end(), extra.begin(), extra.end());
+    if (std::find(extra.begin(), extra.end(), "--http") == extra.end()) args.push_back("--no-http");
+    child_ = std::make_unique<Child>(args, mergeLog);
     const std::string listening = "rxbroker: listening on ", pages = "rxbroker: status pages on ";
-    while (auto line = child_.readLine()) {
+    while (auto line = child_->readLine()) {
       if (line->compare(0, listening.size(), listening) == 0)
         endpoints.push_back(line->substr(listening.size()));
       if (line->compare(0, pages.size(), pages) == 0)
@@ -162,26 +167,17 @@ class BrokerProcess {
   }
   ~BrokerProcess() { stop(SIGTERM); }
   void stop(int sig) {
-    child_.signal(sig);
-    if (child_.wait() == -1) child_.signal(SIGKILL), child_.wait();
+    child_->signal(sig);
+    if (child_->wait() == -1) child_->signal(SIGKILL), child_->wait();
   }
   // Its output after the start-up lines (its log too, with mergeLog).
-  Child& output() { return child_; }
+  Child& output() { return *child_; }
 
   std::vector<std::string> endpoints;  // as the broker reported them, in the order given
   std::string http;                    // http://HOST:PORT of the status pages, when `extra` has --http
 
  private:
-  static std::vector<std::string> arguments(const std::string& program, const std::string& dataPath,
-                                            const std::vector<std::string>& listen,
-                                            const std::vector<std::string>& extra) {
-    std::vector<std::string> args{program, "--data-path", dataPath, "--log", "*=warning"};
-    for (const std::string& endpoint : listen) args.insert(args.end(), {"--listen", endpoint});
-    args.insert(args.end(), extra.begin(), extra.end());
-    if (std::find(extra.begin(), extra.end(), "--http") == extra.end()) args.push_back("--no-http");
-    return args;
-  }
-  Child child_;
+  std::unique_ptr<Child> child_;
 };
 
 }  // namespace testsupport
