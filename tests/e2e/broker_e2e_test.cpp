@@ -152,9 +152,8 @@ TEST(BrokerE2E, MemoryServesClientProcesses) {
   }
 }
 
-// Two subscriber processes stop reading (stopped by a signal) while events
-// are raised: the broker cuts them off at their output limit, and a healthy
-// subscriber gets every event, in order, with no pause.
+// Two subscriber processes stop reading (SIGSTOP) while events are raised: the broker
+// cuts them off, and a healthy subscriber gets every event, in order.
 TEST(BrokerE2E, StalledSubscriberProcessesAreCutOffAndStallNobody) {
   TempDir dir;
   BrokerProcess broker = startBroker(dir, {"--max-output-bytes", "256KiB", "--soft-output-bytes", "64KiB"});
