@@ -1,9 +1,6 @@
-// rx_e2e_client ENDPOINT EVENT [MODULE]: a client process for the end-to-end
-// tests. It serves a module (E2EClient by default) subscribed to EVENT, says
-// "ready", prints "event KEY VALUE MESSAGE" per notification, and runs until
-// its standard input closes ("bye") or it is killed. A line "raise N KEY" on
-// stdin raises KEY N times, then says "raised N" (bench/syscalls_per_event.sh
-// counts system calls with it).
+// rx_e2e_client ENDPOINT EVENT [MODULE]: serves a module subscribed to EVENT, says
+// "ready", prints "event KEY VALUE MESSAGE" per notification; "raise N KEY" on stdin
+// raises KEY N times (bench/syscalls_per_event.sh counts system calls with it).
 #include <boost/make_shared.hpp>
 #include <iostream>
 #include <mutex>
@@ -64,7 +61,6 @@ int main(int argc, char** argv) {
     }
     broker->shutdown();
     session->close();
-    say("bye");
     return 0;
   } catch (const std::exception& e) {
     std::cerr << "rx_e2e_client: " << e.what() << "\n";

@@ -1,5 +1,4 @@
-// Child processes for tests: a program with its standard input and output on
-// pipes, and the real rxbroker started on free ports. Every wait is bounded,
+// Child processes for tests, the real rxbroker among them. Every wait is bounded,
 // so a child that hangs fails its test instead of stalling the suite.
 #pragma once
 
@@ -12,6 +11,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -34,8 +34,7 @@ struct TempDir {
   std::string path;
 };
 
-// Where a child's standard error goes: the test's own, the pipe of its
-// standard output, or a pipe of its own (read with errLine and err).
+// Where a child's standard error goes: the test's own, its stdout pipe, a pipe of its own.
 enum class Stderr { Inherit, Merge, Pipe };
 
 // A running program with its standard input and output on pipes. Killed and
@@ -78,19 +77,9 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // The next line of standard output (or error), or nothing when none came
-  // in time or the stream ended.
+  // The next line of standard output (or error); nothing when none came in time.
   std::optional<std::string> readLine(std::chrono::milliseconds timeout = kWait) { return line(0, timeout); }
   std::optional<std::string> errLine(std::chrono::milliseconds timeout = kWait) { return line(1, timeout); }
-  // The lines before the first one containing `marker`; nothing when it did not come.
-  std::optional<std::vector<std::string>> linesUntil(const std::string& marker) {
-    std::vector<std::string> lines;
-    while (auto line = readLine()) {
-      if (line->find(marker) != std::string::npos) return lines;
-      lines.push_back(*line);
-    }
-    return std::nullopt;
-  }
   // Does nothing once the program has been reaped: its pid may be someone else's by then.
   void signal(int sig) {
     if (pid_ > 0) ::kill(pid_, sig);
@@ -102,8 +91,7 @@ class Child {
     pid_ = -1;
     return status;
   }
-  // Reads the output to its end and waits for the program: its exit code, or
-  // -1 when it did not end in time or was ended by a signal.
+  // Reads the output to its end: the exit code, or -1 when it did not end in time or was killed.
   int finish() {
     const auto deadline = std::chrono::steady_clock::now() + kWait;
     while (!streams_[0].ended || !streams_[1].ended)
@@ -131,8 +119,7 @@ class Child {
     s.buffer.erase(0, text.size() + 1);
     return text;
   }
-  // Reads what is there on both pipes, so that a chatty child never blocks on
-  // the one not being read. False once the deadline has passed.
+  // Reads both pipes, so a chatty child never blocks on the one not read. False after the deadline.
   bool pump(std::chrono::steady_clock::time_point deadline) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -155,19 +142,21 @@ class Child {
   Stream streams_[2];
 };
 
-// The real rxbroker listening on `listen` ("tcp://127.0.0.1:0" takes a free
-// port), its data in `dataPath`, logging warnings, without its status pages
-// unless `extra` asks for them.
-// Ready once constructed: it throws when the broker has not said where it
-// listens within kWait. Stopped with SIGTERM (SIGKILL after kWait) when it goes.
+// The real rxbroker on `listen` ("tcp://127.0.0.1:0": a free port), logging warnings, with
+// status pages only if `extra` has --http. Listening once constructed (or it throws);
+// stopped with SIGTERM (SIGKILL after kWait) when it goes.
 class BrokerProcess {
  public:
   BrokerProcess(const std::string& program, const std::string& dataPath,
                 const std::vector<std::string>& listen, const std::vector<std::string>& extra = {},
-                bool mergeLog = false)
-      : child_(arguments(program, dataPath, listen, extra), mergeLog) {
+                bool mergeLog = false) {
+    std::vector<std::string> args{program, "--data-path", dataPath, "--log", "*=warning"};
+    for (const std::string& endpoint : listen) args.insert(args.end(), {"--listen", endpoint});
+    args.insert(args.end(), extra.begin(), extra.end());
+    if (std::find(extra.begin(), extra.end(), "--http") == extra.end()) args.push_back("--no-http");
+    child_ = std::make_unique<Child>(args, mergeLog);
     const std::string listening = "rxbroker: listening on ", pages = "rxbroker: status pages on ";
-    while (auto line = child_.readLine()) {
+    while (auto line = child_->readLine()) {
       if (line->compare(0, listening.size(), listening) == 0)
         endpoints.push_back(line->substr(listening.size()));
       if (line->compare(0, pages.size(), pages) == 0)
@@ -178,26 +167,17 @@ class BrokerProcess {
   }
   ~BrokerProcess() { stop(SIGTERM); }
   void stop(int sig) {
-    child_.signal(sig);
-    if (child_.wait() == -1) child_.signal(SIGKILL), child_.wait();
+    child_->signal(sig);
+    if (child_->wait() == -1) child_->signal(SIGKILL), child_->wait();
   }
   // Its output after the start-up lines (its log too, with mergeLog).
-  Child& output() { return child_; }
+  Child& output() { return *child_; }
 
   std::vector<std::string> endpoints;  // as the broker reported them, in the order given
   std::string http;                    // http://HOST:PORT of the status pages, when `extra` has --http
 
  private:
-  static std::vector<std::string> arguments(const std::string& program, const std::string& dataPath,
-                                            const std::vector<std::string>& listen,
-                                            const std::vector<std::string>& extra) {
-    std::vector<std::string> args{program, "--data-path", dataPath, "--log", "*=warning"};
-    for (const std::string& endpoint : listen) args.insert(args.end(), {"--listen", endpoint});
-    args.insert(args.end(), extra.begin(), extra.end());
-    if (std::find(extra.begin(), extra.end(), "--http") == extra.end()) args.push_back("--no-http");
-    return args;
-  }
-  Child child_;
+  std::unique_ptr<Child> child_;
 };
 
 }  // namespace testsupport
