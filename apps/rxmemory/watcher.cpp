@@ -525,9 +525,10 @@ void Watcher::run(const Options& options) {
         watch.forget();
       }
       if (back && session_.isConnected()) {
-        err_ << "broker back at " << session_.endpoint() << ", following again" << std::endl;
         connected = true;
+        // Said once the keys are followed again: a raise made on seeing the line must show.
         watch.follow(false);
+        err_ << "broker back at " << session_.endpoint() << ", following again" << std::endl;
       }
       if (!connected) continue;
       for (const std::string& key : added) watch.added(key);
