@@ -1,5 +1,4 @@
-// Brokers and their modules: publication, proxies, ordered posted calls, queue caps, the executor
-// under them, exit and shutdown. The catalogue texts are checked on the memory (tests/rxbase).
+// Brokers and their modules: publication, proxies, posted calls, queue caps, the executor, shutdown.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -34,18 +33,15 @@ struct Latch {
     if (released.wait_for(kWait) != std::future_status::ready)
       ADD_FAILURE() << "the latch was never released";
   }
-  // Posts hold() (to a queue, or however `post` does it) and waits until it runs.
-  void holdQueue(const std::function<void()>& post) {
-    post();
+  // Posts hold() to the queue, or through `post`, and waits until it runs.
+  void holdQueue(RX::SerialQueue* queue, const std::function<void()>& post = {}) {
+    post ? post() : queue->post([this] { hold(); });
     ASSERT_EQ(std::future_status::ready, started.get_future().wait_for(kWait)) << "holding task never ran";
-  }
-  void holdQueue(RX::SerialQueue& queue) {
-    holdQueue([&] { queue.post([this] { hold(); }); });
   }
 };
 
-// The shapes the memory publishes: insertData overloads told apart by the value's kind, a read
-// that throws RXError, notifications collected in `received`; block() holds the queue.
+// The shapes the memory publishes (whose overloads tests/rxbase checks): a write, a read that throws
+// RXError, notifications collected in `received`; block() holds the queue.
 class Sink : public RX::RXModule {
  public:
   Sink(boost::shared_ptr<RX::RXBroker> broker, const std::string& name) : RXModule(broker, name) {
@@ -53,11 +49,7 @@ class Sink : public RX::RXModule {
     functionName("insertData", "Store", "Inserts an int", 0);
     addParam("key", "Name of the value.");
     addParam("value", "The int.");
-    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<int>));
-    functionName("insertData", "Store", "Inserts a float", 0);
-    addParam("key", "Name of the value.");
-    addParam("value", "The float.");
-    bindMethodOverload(RX::createFunctor(this, &Sink::insertData<float>));
+    bindMethodOverload(RX::createFunctor(this, &Sink::insertData));
     functionName("getData", "Store", "Gets a value", 0);
     addParam("key", "Name of the value.");
     setReturn("data", "The data as an RXValue.");
@@ -72,10 +64,7 @@ class Sink : public RX::RXModule {
   }
   ~Sink() override { destroyed->store(true); }
   // Calls through a proxy return once they ran: `last` needs no lock.
-  template <typename T>
-  void insertData(const std::string& key, T v) {
-    last = key + "=" + RXValue(v).toString();
-  }
+  void insertData(const std::string& key, int v) { last = key + "=" + std::to_string(v); }
   RXValue getData(const std::string& key) {
     if (last.rfind(key + "=", 0) != 0) RX_THROW("Store", "getData", "Data not found " + key);
     return RXValue(last);
@@ -103,7 +92,7 @@ struct HeldSink {
   explicit HeldSink(RX::RXBroker::Options options = {}) : broker(RX::RXBroker::create("b", options)) {
     sink->initModule();
     proxy = broker->getProxy("Sink");
-    sink->latch->holdQueue([&] { proxy->genericPost("block", {}); });
+    sink->latch->holdQueue(nullptr, [&] { proxy->genericPost("block", {}); });
   }
   void notify(int from, int to, std::pair<int, int>* state = nullptr) {
     for (int i = from; i <= to; ++i) proxy->pCallNotify("onEvent", "k", RXValue(i), RXValue("m"), state);
@@ -113,7 +102,6 @@ struct HeldSink {
   boost::shared_ptr<RX::RXProxy> proxy;
 };
 
-// The installed instance is checked on the memory's start (tests/rxbase).
 TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
   auto manager = boost::make_shared<RX::RXBrokerManager>();
   auto broker = RX::RXBroker::create("managed");
@@ -136,7 +124,6 @@ TEST(RXProxy, FullQueueDropsTheOldestCountsAndLogsIt) {
   HeldSink h(options);
   h.notify(1, 5);
   EXPECT_EQ(3u, h.sink->postQueue()->pending());
-  EXPECT_EQ(2u, h.sink->postQueue()->dropped());
   EXPECT_EQ(2u, h.broker->droppedCounts()["Sink"]);
   EXPECT_EQ("warning: queue Sink full: dropped 1 pending calls", log.items().at(0));
   h.sink->latch->release.set_value();
@@ -163,7 +150,7 @@ TEST(RXExecutor, ShutdownRunsPendingTasksCloseDropsThemAndBothRefuseNewOnes) {
   Latch latch, closedLatch;
   std::vector<int> order;  // touched only by the queue's tasks, one at a time
   std::atomic<int> unordered{0}, ranAfterClose{0};
-  closedLatch.holdQueue(*closed);
+  closedLatch.holdQueue(closed.get());
   for (int i = 0; i < 5; ++i) closed->post([&ranAfterClose] { ++ranAfterClose; });
   closed->close();
   EXPECT_TRUE(closed->isClosed());
@@ -175,7 +162,7 @@ TEST(RXExecutor, ShutdownRunsPendingTasksCloseDropsThemAndBothRefuseNewOnes) {
             fromPoolThread(*queue, [&] { executor->drain(kWait); }));
   closedLatch.release.set_value();
 
-  latch.holdQueue(*queue);
+  latch.holdQueue(queue.get());
   queue->post([] { throw std::runtime_error("boom"); });
   for (int i = 0; i < 200; ++i) queue->post([&order, i] { order.push_back(i); });
   for (int i = 0; i < 10; ++i) executor->post([&unordered] { ++unordered; });
@@ -206,7 +193,7 @@ TEST(RXExecutor, SmallAndLargeTasksRunInOrderAndAreReleasedOnce) {
   for (int round = 0; round < 3; ++round) {
     // The queue is held while 50 tasks come in: the 10 oldest go over the cap.
     Latch latch;
-    latch.holdQueue(*queue);
+    latch.holdQueue(queue.get());
     for (int i = 0; i < 50; ++i) {
       const int id = round * 100 + i;
       if (i % 2)
@@ -239,7 +226,6 @@ TEST(RXExecutor, TasksPostedAroundAnIdleQueueAllRunInOrderAndDrainWaitsForThem) 
     queues[i % 3]->post([&ran, i] { ran.add(i); });
     ASSERT_TRUE(ran.waitFor(i + 1)) << "task " << i << " posted to Q" << i % 3 << " never ran";
   }
-  // Bursts from several threads at once: per poster and queue, in order.
   constexpr int kPosters = 4, kPerPoster = 3000;
   std::vector<std::vector<int>> last(kPosters, std::vector<int>(3, -1));  // each cell touched by one queue
   std::atomic<int> outOfOrder{0}, done{0};
@@ -276,7 +262,7 @@ TEST(RXExecutor, RunHereIfIdleRunsOnTheCallerOnlyWhenTheQueueIsIdleAndKeepsOrder
   }));
   EXPECT_EQ(std::this_thread::get_id(), ranOn);
   Latch latch;
-  latch.holdQueue(*queue);
+  latch.holdQueue(queue.get());
   EXPECT_FALSE(queue->runHereIfIdle([&] { order.push_back("while a task runs"); }));
   latch.release.set_value();
   ASSERT_TRUE(executor->drain(kWait));
@@ -294,7 +280,7 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
   auto destroyed = sink->destroyed;
   auto received = sink->received;
   mz::AnyObject handle = sink->weakObject();
-  latch->holdQueue([&] { handle.post("block", {}); });
+  latch->holdQueue(nullptr, [&] { handle.post("block", {}); });
   for (int i = 0; i < 10; ++i)
     handle.post("onEvent", {mz::AnyValue("k"), mz::AnyValue(i), mz::AnyValue("m")});
   sink.reset();  // the running block() still holds the module
@@ -354,14 +340,11 @@ TEST(MemoryBudgetTest, TheRefusalNamesBothFigures) {
       << text;
 }
 
-// One registered module through its life: calls through a proxy, base operations, page, exit.
-TEST(RXModule, PublishedCallsBaseOperationsPageAndExit) {
+TEST(RXModule, PublishedCallsBaseOperationsPageMistakesAndExit) {
   auto broker = RX::RXBroker::create("test-broker");
   auto store = boost::make_shared<Sink>(broker, "Store");
   store->initModule();
   boost::shared_ptr<RX::RXProxy> p = broker->getProxy("Store");
-  p->call<void>("insertData", std::string("k"), 1.5f);
-  EXPECT_EQ(RXValue("k=1.5"), p->call<RXValue>("getData", std::string("k")));
   mz::GenericFunctionParameters args{mz::AnyValue(std::string("k")), mz::AnyValue(7)};
   p->callById(p->resolve("insertData", args), args);
   EXPECT_EQ(RXValue("k=7"), p->call<RXValue>("getData", std::string("k")));
@@ -374,48 +357,41 @@ TEST(RXModule, PublishedCallsBaseOperationsPageAndExit) {
   EXPECT_EQ("Store: no method named exit", errorOf([&] { p->call<void>("exit"); }));
   EXPECT_THROW((void)p->resolve("insertData", {mz::AnyValue(1), mz::AnyValue(2)}), mz::MethodNotFoundError);
   EXPECT_EQ("Stores <values> & more", p->object().metaObject().description);
-  EXPECT_EQ("0.1.0", store->version());
   EXPECT_EQ("Store::execute: no command reboot", errorOf([&] { store->execute("reboot", RXValue()); }));
   const std::string page = store->httpGet();
   for (const std::string& part :
        {std::string("<h1>Store</h1>"), std::string("Stores &lt;values&gt; &amp; more"),
-        std::string("The data as an RXValue."), store->methods()[2].signature()})
+        std::string("The data as an RXValue."), store->methods()[1].signature()})
     EXPECT_NE(std::string::npos, page.find(part)) << part << " not in\n" << page;
   EXPECT_EQ(std::string::npos, page.find("<values>")) << "the description was not escaped";
-
-  // The directory's handle and a fresh weak handle designate the same module.
   EXPECT_EQ(broker->session()->service("Store").value(), store->weakObject());
   // A second module of the same name is refused and leaves the first alone.
-  EXPECT_THROW(boost::make_shared<Sink>(broker, "Store")->initModule(), std::runtime_error);
+  auto twin = boost::make_shared<Sink>(broker, "Store");
+  EXPECT_THROW(twin->initModule(), std::runtime_error);
   EXPECT_EQ(store, broker->getModule("Store"));
+  twin->functionName("getData", "Store", "Gets a value", 0);
+  twin->addParam("key", "k");
+  twin->addParam("extra", "e");
+  EXPECT_EQ("Store::bindMethodOverload: method getData: the functor takes 1 parameters but 2 were described",
+            errorOf([&] { twin->bindMethodOverload(RX::createFunctor(twin.get(), &Sink::getData)); }));
+  // A described method is published once; describing starts over with functionName.
+  twin->functionName("getData", "Store", "Gets a value", 0);
+  twin->addParam("key", "k");
+  twin->bindMethodOverload(RX::createFunctor(twin.get(), &Sink::getData));
+  EXPECT_EQ(5u, twin->methods().size());
+  EXPECT_THROW(twin->addParam("late", "after publication"), RX::RXError);
+  EXPECT_THROW(twin->bindMethodOverload(RX::createFunctor(twin.get(), &Sink::getData)), RX::RXError);
   store->exit();
   store->exit();  // idempotent
   EXPECT_TRUE(store->hasExited() && !store->isRegistered());
   EXPECT_TRUE(broker->moduleNames().empty());
   EXPECT_TRUE(broker->session()->service("Store").hasError());
   EXPECT_THROW(broker->getProxy("Store"), RX::ModuleNotFoundError);
-  // A proxy taken earlier now says that the module is gone.
   EXPECT_EQ("module Store has gone away", errorOf([&] { p->call<void>("insertData", std::string("k"), 1); }));
   EXPECT_THROW(p->genericPost("insertData", {mz::AnyValue(std::string("k")), mz::AnyValue(1)}),
                mz::ObjectGoneError);
   EXPECT_THROW(store->initModule(), RX::RXError);
   broker->shutdown();
-}
-
-TEST(RXModule, PublicationMistakesAreRefused) {
-  auto broken = boost::make_shared<Sink>(RX::RXBroker::create("test-broker"), "Broken");
-  broken->functionName("getData", "Store", "Gets a value", 0);
-  broken->addParam("key", "k");
-  broken->addParam("extra", "e");
-  EXPECT_EQ("Broken::bindMethodOverload: method getData: the functor takes 1 parameters but 2 were described",
-            errorOf([&] { broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData)); }));
-  // A described method is published once; describing starts over with functionName.
-  broken->functionName("getData", "Store", "Gets a value", 0);
-  broken->addParam("key", "k");
-  broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData));
-  EXPECT_EQ(6u, broken->methods().size());
-  EXPECT_THROW(broken->addParam("late", "after publication"), RX::RXError);
-  EXPECT_THROW(broken->bindMethodOverload(RX::createFunctor(broken.get(), &Sink::getData)), RX::RXError);
 }
 
 TEST(RXFunctorBase, DefaultCallLogsAndLeavesTheResult) {
