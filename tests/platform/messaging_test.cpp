@@ -63,7 +63,7 @@ TEST(RXValueTest, EveryKindHasItsCodeNameTextAndSize) {
 }
 
 // Both layers name the kind they expected and the kind (and text, cut short) they got.
-TEST(RXValueTest, ConversionErrorsOfBothLayersNameBothKinds) {
+TEST(RXValueTest, ConversionErrorsOfBothLayersNameBothKindsAndRXErrorNamesItsPlace) {
   const RXValue mixed = list({RXValue("a"), RXValue(2)}), pairs = list({mixed});
   AnyValue custom = AnyValue::fromOther(Custom{4, 0});
   const std::pair<std::function<void()>, std::string> cases[] = {
@@ -102,6 +102,14 @@ TEST(RXValueTest, ConversionErrorsOfBothLayersNameBothKinds) {
   for (const auto& [f, text] : cases) EXPECT_EQ(text, errorOf(f));
   EXPECT_THROW((void)RXValue(1).toFloat(), RX::RXError);
   EXPECT_THROW((void)AnyValue(1).toBool(), mz::ConversionError);
+  const int line = __LINE__ + 2;
+  try {
+    RX_THROW("Mod", "meth", "thrown");
+  } catch (const RX::RXError& e) {
+    // Files of this tree are named from the tree's root, wherever it was built.
+    EXPECT_EQ("Mod::meth: thrown (tests/platform/messaging_test.cpp:" + std::to_string(line) + ")",
+              std::string(e.what()));
+  }
 }
 
 TEST(RXValueTest, ArraysGrowShrinkAndCheckIndexes) {
@@ -197,17 +205,6 @@ TEST(RXValueTest, AssignmentKeepsTheStorageOfTheSameKindAndCopiesDeep) {
   EXPECT_EQ("[\"m\"] 8", nestedMove.toString() + " " + scalarMove.toString());
 }
 
-TEST(RXErrorTest, WhatCarriesModuleMethodMessageAndPlace) {
-  const int line = __LINE__ + 2;
-  try {
-    RX_THROW("Mod", "meth", "thrown");
-  } catch (const RX::RXError& e) {
-    // Files of this tree are named from the tree's root, wherever it was built.
-    EXPECT_EQ("Mod::meth: thrown (tests/platform/messaging_test.cpp:" + std::to_string(line) + ")",
-              std::string(e.what()));
-  }
-}
-
 // Lists and maps travel as arrays (maps as pairs in key order); handles keep their identity.
 TEST(AnyValueTest, ContainersTravelAsArraysAndHandlesKeepTheirIdentity) {
   const std::vector<std::string> list{"a", "b"};
@@ -257,7 +254,8 @@ class NamedObject : public mz::DynamicObject {
   std::vector<std::string> hit;
 };
 
-TEST(MetaMethod, SignatureTextNamesEveryKind) {
+// Exact kind first, then any value, then an int going to a float; the earlier publication wins a tie.
+TEST(DynamicObject, SignaturesNameEveryKindAndOverloadsAreChosenByArgumentKindOrNamedInTheError) {
   mz::MetaMethod m = method("f",
                             {ParamType::Bool, ParamType::Int, ParamType::Float, ParamType::String,
                              ParamType::StringMap, ParamType::Object, ParamType::Pointer, ParamType::Value},
@@ -268,10 +266,6 @@ TEST(MetaMethod, SignatureTextNamesEveryKind) {
       "pointer p6, RXValue p7)",
       m.signature());
   EXPECT_EQ("void ping()", method("ping", {}).signature());
-}
-
-// Exact kind first, then any value, then an int going to a float; the earlier publication wins a tie.
-TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
   NamedObject o("Kinds");
   o.add<std::string, float>("set", "set float");
   o.add<std::string, std::string>("set", "set string");
@@ -284,7 +278,6 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
   const RXValue pairs = list({RXValue(std::vector<std::string>{"k", "v"})}),
                 mixed = list({RXValue("a"), RXValue(1)});
   int x = 0;
-  // The method, its arguments, and the tag reached or the error.
   const std::tuple<std::string, Params, std::string> cases[] = {
       {"set", {AnyValue("k"), AnyValue(3)}, "set float"},
       {"set", {AnyValue("k"), AnyValue(true)}, "Kinds: no method set accepting (string, bool)"},
@@ -324,7 +317,6 @@ TEST(DynamicObject, OverloadsAreChosenByArgumentKindOrNamedInTheError) {
   EXPECT_THROW(o.metaCallById(99, {}), mz::MethodNotFoundError);
 }
 
-// Counts the copies made of it, wherever they happen.
 struct CopyCounted {
   explicit CopyCounted(std::shared_ptr<int> c) : copies(std::move(c)) {}
   CopyCounted(const CopyCounted& o) : copies(o.copies) { ++*copies; }
@@ -397,19 +389,6 @@ TEST(DynamicObject, CatalogueReplacedBySetMetaObjectIsResolvedAfresh) {
   EXPECT_EQ("new ping", o.hit.back());
 }
 
-TEST(AnyObject, NullHandleRefusesEverything) {
-  mz::AnyObject null;
-  EXPECT_TRUE(!null && null == mz::AnyObject());
-  const std::function<void()> uses[] = {
-      [&] { null.metaObject(); },      [&] { null.findMethod("x"); },
-      [&] { null.signalId("s"); },     [&] { null.call("x", {}); },
-      [&] { null.call<int>("x", 1); }, [&] { null.post("x", {}); },
-      [&] { null.disconnect(1); },     [&] { null.connect("s", [](AnyValue) {}); },
-      [&] { null.emit("s", {}); },
-  };
-  for (const auto& use : uses) EXPECT_EQ("This object is null", errorOf(use));
-}
-
 struct Widget {
   mz::SignalF<void(AnyValue)> signal;
 };
@@ -432,7 +411,6 @@ TEST(AnyObject, SignalsAreReachedByNameOnEitherKindOfObject) {
   EXPECT_EQ(1u, o.advertiseSignal("signal", &w->signal));
   for (mz::AnyObject obj : {o.handle(), widgetObject(w)}) {
     SCOPED_TRACE(obj == o.handle() ? "DynamicObject" : "registered type");
-    EXPECT_EQ(-1, obj.signalId("nope"));
     EXPECT_EQ("void (mz::AnyValue)", obj.metaObject().signals.at(obj.signalId("signal")).signature);
     std::vector<int> got;
     mz::Future<mz::SignalLink> f = obj.connect("signal", [&](AnyValue v) { got.push_back(v.toInt()); });
@@ -455,7 +433,17 @@ TEST(AnyObject, SignalsAreReachedByNameOnEitherKindOfObject) {
   EXPECT_EQ("Widget: no method named m", errorOf([&] { widgetObject(w).call("m", {}); }));
 }
 
-TEST(ObjectType, HandlesCompareByInstanceKeepItAliveAndUnregisteredTypesAreRefused) {
+TEST(ObjectType, NullHandlesRefuseEverythingOthersCompareByInstanceAndUnregisteredTypesAreRefused) {
+  mz::AnyObject null;
+  EXPECT_TRUE(!null && null == mz::AnyObject());
+  const std::function<void()> uses[] = {
+      [&] { null.metaObject(); },      [&] { null.findMethod("x"); },
+      [&] { null.signalId("s"); },     [&] { null.call("x", {}); },
+      [&] { null.call<int>("x", 1); }, [&] { null.post("x", {}); },
+      [&] { null.disconnect(1); },     [&] { null.connect("s", [](AnyValue) {}); },
+      [&] { null.emit("s", {}); },
+  };
+  for (const auto& use : uses) EXPECT_EQ("This object is null", errorOf(use));
   auto w = boost::make_shared<Widget>();
   mz::AnyObject a = widgetObject(w), b = widgetObject(w);
   EXPECT_TRUE(a == b && !(a != b));
@@ -468,25 +456,9 @@ TEST(ObjectType, HandlesCompareByInstanceKeepItAliveAndUnregisteredTypesAreRefus
   EXPECT_TRUE(weak.expired()) << "the last handle gone, the instance goes";
   // An empty pointer travels as an invalid value, not as an object.
   EXPECT_FALSE(mz::Conv<boost::shared_ptr<Widget>>::to(boost::shared_ptr<Widget>()).toRXValue().isValid());
-  EXPECT_EQ(nullptr, mz::ObjectType::find(typeid(Unregistered)));
-  using Foreign = boost::shared_ptr<Unregistered>;
-  EXPECT_EQ("type (anonymous namespace)::Unregistered is not registered as an object type",
-            errorOf([] { mz::Conv<Foreign>::to(boost::make_shared<Unregistered>()); }));
-}
-
-// Every memory key carries a signal: an unused one stays two pointers wide.
-TEST(Signal, SignaturesAreKeptAndAnUnusedSignalIsSmall) {
-  EXPECT_LE(sizeof(mz::SignalF<void(mz::AnyValue)>), 16u);
-  mz::SignalBase plain, named("void (int)");
-  mz::SignalF<void(unsigned int, std::string, RXValue, float, bool)> typed;
-  const std::pair<mz::SignalBase*, std::string> cases[] = {
-      {&plain, "void ()"},
-      {&named, "void (int)"},
-      {&typed, "void (unsigned int, std::string, RXValue, float, bool)"}};
-  for (const auto& [sig, text] : cases) {
-    sig->connect([](const Params&) {});
-    EXPECT_EQ(text, sig->signature());
-  }
+  EXPECT_EQ("type (anonymous namespace)::Unregistered is not registered as an object type", errorOf([] {
+              mz::Conv<boost::shared_ptr<Unregistered>>::to(boost::make_shared<Unregistered>());
+            }));
 }
 
 // The on-subscribers callback may use the signal it reports on.
@@ -518,8 +490,20 @@ TEST(Signal, LinksDisconnectOnceAndOnSubscribersReportsFirstAndLast) {
   EXPECT_EQ(11, reentered);
 }
 
-// A raw emission of the wrong shape is logged like a throwing callable.
-TEST(Signal, FailingCallablesAreLoggedAndOthersStillCalled) {
+// Every memory key carries a signal: an unused one stays two pointers wide. A raw emission of the
+// wrong shape is logged like a throwing callable.
+TEST(Signal, SignaturesAreKeptAnUnusedSignalIsSmallAndFailingCallablesAreLogged) {
+  EXPECT_LE(sizeof(mz::SignalF<void(mz::AnyValue)>), 16u);
+  mz::SignalBase plain, named("void (int)");
+  mz::SignalF<void(unsigned int, std::string, RXValue, float, bool)> typed;
+  const std::pair<mz::SignalBase*, std::string> cases[] = {
+      {&plain, "void ()"},
+      {&named, "void (int)"},
+      {&typed, "void (unsigned int, std::string, RXValue, float, bool)"}};
+  for (const auto& [sig, text] : cases) {
+    sig->connect([](const Params&) {});
+    EXPECT_EQ(text, sig->signature());
+  }
   testsupport::LogLines log("mz.signal");
   mz::SignalF<void(unsigned int, std::string)> sig;
   std::vector<std::string> calls;
@@ -671,7 +655,7 @@ TEST(Session, ConcurrentRegistrationsGetUniqueIdsAndAreAllAnnounced) {
   EXPECT_EQ(static_cast<std::size_t>(kThreads * kEach / 2), s.services().size());
 }
 
-TEST(Future, ValueFromAnotherThreadAndTheFirstOutcomeSticks) {
+TEST(Future, ValueErrorCancelAndABrokenPromiseSayWhyAndTheFirstOutcomeSticks) {
   mz::Promise<int> p;
   mz::Future<int> f = p.future();
   EXPECT_EQ(mz::FutureState::Running, f.wait(std::chrono::milliseconds(1))) << "a limited wait gives up";
@@ -686,12 +670,10 @@ TEST(Future, ValueFromAnotherThreadAndTheFirstOutcomeSticks) {
   EXPECT_TRUE(v.setValue());
   waiter.join();
   EXPECT_TRUE(g.hasValue());
-}
 
-TEST(Future, ErrorCancelAndABrokenPromiseSayWhy) {
-  mz::Promise<int> p;
-  mz::Future<int> copy = p.future();
-  EXPECT_TRUE(p.setError("disk on fire"));
+  mz::Promise<int> e;
+  mz::Future<int> copy = e.future();
+  EXPECT_TRUE(e.setError("disk on fire"));
   EXPECT_EQ("disk on fire", errorOf([&] { copy.value(); })) << "copies share one outcome";
   EXPECT_EQ("no route", errorOf([] { mz::makeFutureError<void>("no route").waitAndCheck(); }));
   mz::Promise<int> c;
@@ -710,9 +692,6 @@ TEST(Future, ErrorCancelAndABrokenPromiseSayWhy) {
   EXPECT_EQ(mz::FutureState::Canceled, mz::Future<int>().wait(std::chrono::milliseconds(1)));
 
   // The last promise going away fails its waiters instead of leaving them hanging.
-  mz::Future<int> f;
-  mz::Future<void> g;
-  std::thread waiter;
   {
     mz::Promise<int> broken;
     f = broken.future();

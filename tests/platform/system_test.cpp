@@ -71,7 +71,7 @@ TEST(DataPathTest, SearchesRunTimeThenEnvironmentThenInstallPrefix) {
   for (const auto& d : mz::path::dataDirectories()) EXPECT_TRUE(d != envA && d != envB) << d;
 }
 
-TEST(LogTest, ParsesLevelNamesAnyCaseAndDigits) {
+TEST(LogTest, ParsesLevelNamesAnyCaseAndDigitsAndThrottlesToOneLinePerPeriod) {
   const char* names[] = {"silent", "ERROR", "Warning", "info", "debug", "VerBose"};
   for (int l = 0; l <= 5; ++l)
     EXPECT_TRUE(l == parseLevel(names[l]) && l == parseLevel(std::to_string(l)) &&
@@ -79,6 +79,13 @@ TEST(LogTest, ParsesLevelNamesAnyCaseAndDigits) {
         << l;
   for (const char* bad : {"6", "-1", "10", "", "warn", " info"}) EXPECT_EQ(-1, parseLevel(bad)) << bad;
   EXPECT_STREQ("unknown", levelName(6));
+  Throttle throttle(std::chrono::hours(1));
+  std::uint64_t held = 99;
+  EXPECT_TRUE(throttle.allow(held) && held == 0);
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(throttle.allow(held));
+  EXPECT_EQ("| (5 similar lines held back)", heldBack(0) + "|" + heldBack(5));
+  Throttle open(std::chrono::milliseconds(0));
+  EXPECT_TRUE(open.allow(held) && open.allow(held));
 }
 
 TEST(LogTest, WritesOnlyLinesAtOrBelowTheThresholdAndBuildsNoTextOtherwise) {
@@ -216,16 +223,6 @@ TEST(LogTest, ControlCharactersCannotForgeLines) {
       {"\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},  // UTF-8 stays as it is
   };
   for (const auto& [in, out] : cases) EXPECT_EQ(out, printable(in)) << in;
-}
-
-TEST(LogTest, ThrottleLetsOneLineThroughPerPeriodAndCountsTheRest) {
-  Throttle throttle(std::chrono::hours(1));
-  std::uint64_t held = 99;
-  EXPECT_TRUE(throttle.allow(held) && held == 0);
-  for (int i = 0; i < 5; ++i) EXPECT_FALSE(throttle.allow(held));
-  EXPECT_EQ("| (5 similar lines held back)", heldBack(0) + "|" + heldBack(5));
-  Throttle open(std::chrono::milliseconds(0));
-  EXPECT_TRUE(open.allow(held) && open.allow(held));
 }
 
 }  // namespace
