@@ -30,8 +30,7 @@ struct Latch {
   std::shared_future<void> released{release.get_future().share()};
   void hold() {
     started.set_value();
-    if (released.wait_for(kWait) != std::future_status::ready)
-      ADD_FAILURE() << "the latch was never released";
+    EXPECT_EQ(std::future_status::ready, released.wait_for(kWait)) << "the latch was never released";
   }
   void holdQueue(RX::SerialQueue* queue, const std::function<void()>& post = {}) {
     post ? post() : queue->post([this] { hold(); });
@@ -98,21 +97,6 @@ struct HeldSink {
   boost::shared_ptr<Sink> sink = boost::make_shared<Sink>(broker, "Sink");
   boost::shared_ptr<RX::RXProxy> proxy;
 };
-
-TEST(RXBrokerManager, BrokersAndTheWeakManagerReference) {
-  auto manager = boost::make_shared<RX::RXBrokerManager>();
-  auto broker = RX::RXBroker::create("managed");
-  manager->addBroker(broker);
-  manager->addBroker(broker);
-  EXPECT_EQ(std::vector<boost::shared_ptr<RX::RXBroker>>{broker}, manager->getBrokers());
-  EXPECT_EQ(manager, broker->getBrokerManager().lock());
-  manager->removeBroker(broker);
-  EXPECT_TRUE(manager->getBrokers().empty() && broker->getBrokerManager().expired());
-  manager->addBroker(broker);
-  manager.reset();
-  EXPECT_TRUE(broker->getBrokerManager().expired()) << "the broker kept the manager alive";
-  broker->shutdown();
-}
 
 TEST(RXProxy, FullQueueDropsTheOldestCountsAndLogsIt) {
   RX::RXBroker::Options options;
@@ -285,8 +269,18 @@ TEST(RXModule, NoPostedCallRunsAfterTheModuleIsDestroyed) {
                mz::ObjectGoneError);
 }
 
-TEST(RXBroker, ShutdownDeliversPendingPostsInOrderThenExitsModulesInReverseOrderAndReleasesThem) {
+TEST(RXBroker, HoldsItsManagerWeaklyAndShutdownDeliversPendingPostsThenExitsModulesInReverseOrder) {
   HeldSink h;
+  auto manager = boost::make_shared<RX::RXBrokerManager>();
+  manager->addBroker(h.broker);
+  manager->addBroker(h.broker);
+  EXPECT_EQ(std::vector<boost::shared_ptr<RX::RXBroker>>{h.broker}, manager->getBrokers());
+  EXPECT_EQ(manager, h.broker->getBrokerManager().lock());
+  manager->removeBroker(h.broker);
+  EXPECT_TRUE(manager->getBrokers().empty() && h.broker->getBrokerManager().expired());
+  manager->addBroker(h.broker);
+  manager.reset();
+  EXPECT_TRUE(h.broker->getBrokerManager().expired()) << "the broker kept the manager alive";
   auto exits = std::make_shared<std::vector<std::string>>();
   std::vector<boost::weak_ptr<RX::RXModule>> watch{h.sink};
   for (const char* name : {"Second", "Third"}) {
@@ -373,7 +367,6 @@ TEST(RXModule, PublishedCallsBaseOperationsPageMistakesAndExit) {
   store->exit();
   store->exit();  // idempotent
   EXPECT_TRUE(store->hasExited() && !store->isRegistered());
-  EXPECT_TRUE(broker->moduleNames().empty());
   EXPECT_TRUE(broker->session()->service("Store").hasError());
   EXPECT_THROW(broker->getProxy("Store"), RX::ModuleNotFoundError);
   EXPECT_EQ("module Store has gone away", errorOf([&] { p->call<void>("insertData", std::string("k"), 1); }));
