@@ -5,7 +5,6 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <future>
-#include <numeric>
 #include <regex>
 #include <thread>
 
@@ -300,8 +299,8 @@ TEST(RXBroker, HoldsItsManagerWeaklyAndShutdownDeliversPendingPostsThenExitsModu
   EXPECT_TRUE(testsupport::pollUntil([&] { return h.broker->isShutDown(); })) << "shutdown did not start";
   latch->release.set_value();
   stopper.join();
-  std::vector<int> expected(1000);
-  std::iota(expected.begin(), expected.end(), 0);
+  std::vector<int> expected;
+  for (int i = 0; i < 1000; ++i) expected.push_back(i);
   EXPECT_EQ(expected, received->items()) << "shutdown dropped or reordered pending notifications";
   EXPECT_EQ((std::vector<std::string>{"Third", "Second"}), *exits);
   EXPECT_TRUE(h.broker->session()->services().empty());

@@ -20,8 +20,6 @@ namespace RX {
 namespace log {
 namespace {
 
-using testsupport::LogLines;
-
 // gettimeofday reads the wall clock; msleep and RtTime never come back early.
 TEST(OsTest, WallClockSleepAndMonotonicIntervals) {
   mz::os::timeval tv, later;
@@ -88,9 +86,9 @@ TEST(LogTest, ParsesLevelNamesAnyCaseAndDigitsAndThrottlesToOneLinePerPeriod) {
   EXPECT_TRUE(open.allow(held) && open.allow(held));
 }
 
-TEST(LogTest, WritesOnlyLinesAtOrBelowTheThresholdAndBuildsNoTextOtherwise) {
+TEST(LogTest, WritesOnlyLinesAtOrBelowTheThresholdAndAppliesSettingsAtomically) {
   Category& cat = category("test.filter");
-  LogLines rec("test.filter");
+  testsupport::LogLines rec("test.filter");
   int evaluated = 0;
   auto expensive = [&evaluated] { return std::to_string(++evaluated); };
   setLevel("test.filter", Warning);
@@ -104,9 +102,7 @@ TEST(LogTest, WritesOnlyLinesAtOrBelowTheThresholdAndBuildsNoTextOtherwise) {
   setLevel("test.filter", Silent);
   RX_ERROR(cat, "silenced");
   EXPECT_EQ("error: e1|warning: w2|debug: d", rec.joined());
-}
 
-TEST(LogTest, AppliesSettingsAtomicallyWithNamedEntriesBeatingTheDefault) {
   Category& a = category("test.thresholds.a");
   Category& b = category("test.thresholds.b");
   EXPECT_TRUE(applyThresholds("test.thresholds.a=verbose, test.thresholds.b = 2"));
