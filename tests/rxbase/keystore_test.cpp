@@ -22,7 +22,6 @@ using KeyStoreTest = MemoryTest;
 TEST_F(KeyStoreTest, ErrorsNameTheMethodAndTheKey) {
   memory->insertData("d", 1);
   memory->subscribeToMicroEvent("E", "Foo", "", "onEvent");
-  const Names oneMissing = {"d", "zz"};
   const std::pair<std::function<void()>, const char*> cases[] = {
       {[&] { (void)memory->getStrDataType("q"); }, "getData|Data not found q"},
       {[&] { (void)memory->getDataType("q"); }, "getData|Data not found q"},
@@ -37,7 +36,10 @@ TEST_F(KeyStoreTest, ErrorsNameTheMethodAndTheKey) {
       {[&] { memory->unsubscribeToMicroEvent("E", "B"); },
        "UnsubscribeToMicroEvent|B is not subscribed to E"},
       {[&] { memory->unsubscribeToEvent("d", "B"); }, "UnsubscribeToMicroEvent|B is not subscribed to d"},
-      {[&] { (void)memory->getDescriptionList(oneMissing); }, "getDescriptionList|zz not found"},
+      {[&] {
+         (void)memory->getDescriptionList({"d", "zz"});
+       },
+       "getDescriptionList|zz not found"},
   };
   for (const auto& [call, error] : cases) EXPECT_EQ(error, errorOf(call));
 }
@@ -171,8 +173,7 @@ TEST_F(KeyStoreTest, WritesStopAtAMalformedPairOrOverTheMemoryCeiling) {
 
 TEST_F(KeyStoreTest, PointerAccessPinsTheKeyAndFreezesItsKind) {
   LogLines log("rxmemory");
-  auto watcher = startModule<Recorder>(broker, "Watcher");
-  memory->subscribeToEvent(RX::Memory::keyAddedKey, "Watcher", "onEvent");
+  const std::size_t added = memory->getEventHistory(RX::Memory::keyAddedKey).getSize();
   int* address = static_cast<int*>(memory->getPtrData("p"));  // made silently (no KeyAdded), with a warning
   ASSERT_NE(nullptr, address);
   EXPECT_TRUE(contains(log.items(), "warning: getPtrValue on stmvalue with no type: p"));
@@ -189,8 +190,7 @@ TEST_F(KeyStoreTest, PointerAccessPinsTheKeyAndFreezesItsKind) {
             errorOf([&] { memory->removeData("p"); }));
   EXPECT_EQ("6 Data", values({"p"}) + " " + types({"p"})) << "a refused write changes no value nor type";
   EXPECT_EQ("invalid", memory->getEventHistory("p").toString()) << "nor appends history";
-  drain(watcher);
-  EXPECT_EQ(Names{}, watcher->keyValues());
+  EXPECT_EQ(added, memory->getEventHistory(RX::Memory::keyAddedKey).getSize());
 
   float* f = static_cast<float*>(memory->getPtrData("f"));  // a float's first number lands here too
   memory->insertData("f", 1.5f);
@@ -204,7 +204,6 @@ TEST_F(KeyStoreTest, TimestampIsRenewedOnEveryWrite) {
   auto now = [] { return int64_t(system_clock::now().time_since_epoch() / std::chrono::microseconds(1)); };
   auto stamp = [&] {
     const RXValue s = memory->getDataTimestamp("t");
-    EXPECT_EQ("7", s[0].toString());
     return int64_t(s[1].toInt()) * 1000000 + s[2].toInt();
   };
   const int64_t before = now();
@@ -247,8 +246,7 @@ TEST_F(KeyStoreTest, HistoryKeepsTheLast50RaisedValuesOldestFirst) {
   EXPECT_EQ(50u, memory->getEventHistory("e").getSize()) << "insertion appends no history";
 }
 
-// Declaring names the extractor (Unknown by default) and retypes data; a failed removal keeps the entry. The
-// extractor is told of each event subscription; a failing or missing one only logs.
+// The extractor is told of each event subscription; a failing or missing one only logs.
 TEST_F(KeyStoreTest, ExtractorsAreRecordedAndToldOfEachEventSubscription) {
   memory->declareEvent("E2");
   memory->insertData("d", 5);
@@ -256,22 +254,15 @@ TEST_F(KeyStoreTest, ExtractorsAreRecordedAndToldOfEachEventSubscription) {
   EXPECT_EQ("invalid Event", values({"d"}) + " " + types({"d"}));
   const Names unknown = memory->getExtractorEvent("Unknown");
   EXPECT_TRUE(contains(unknown, "E2") && contains(unknown, "d"));
-  memory->raiseMicroEvent("mic", RXValue(1));
-  EXPECT_FALSE(contains(memory->getEventList(), "mic"));
-  Names micro = memory->getMicroEventList();
-  std::sort(micro.begin(), micro.end());
-  EXPECT_EQ((Names{"TavroReady", "mic"}), micro);
-  memory->removeMicroEvent("mic");
-  EXPECT_EQ((Names{"TavroReady"}), memory->getMicroEventList());
   memory->declareEvent("P", "Q");
   (void)memory->getPtrData("P");
   EXPECT_NE("no error", errorOf([&] { memory->removeEvent("P"); }));
   EXPECT_EQ((Names{"P"}), memory->getExtractorEvent("Q")) << "a failed removal keeps the entry";
 
   LogLines log("rxmemory");
-  auto x = startModule<Extractor>(broker, "X", Extractor::kWorking);
-  auto y = startModule<Extractor>(broker, "Y", Extractor::kNoPrecision);
-  auto z = startModule<Extractor>(broker, "Z", Extractor::kFailing);
+  auto x = startModule<Extractor>(broker, "X", false);
+  auto y = startModule<Recorder>(broker, "Y");  // no getCurrentPrecision: no extractor, never called
+  auto z = startModule<Extractor>(broker, "Z", true);
   memory->declareEvent("E", "X");
   memory->declareEvent("F", "Y");
   memory->declareEvent("G", "Gone");
@@ -293,7 +284,6 @@ TEST_F(KeyStoreTest, ExtractorsAreRecordedAndToldOfEachEventSubscription) {
   }
   memory->subscribeToMicroEvent("V", "M", "", "onEvent");
   memory->unsubscribeToEvent("V", "M");
-  EXPECT_EQ(Names{}, y->items()) << "a module without getCurrentPrecision is no extractor";
   const std::string gone = "warning: Extractor Gone of event G failed on ";
   const std::string failed = "warning: Extractor Z of event H failed on ";
   EXPECT_EQ(
