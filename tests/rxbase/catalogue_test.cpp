@@ -150,7 +150,7 @@ TEST_F(CatalogueTest, SpecializedProxyCallsEveryMethodByUidElseByName) {
   ASSERT_EQ(std::future_status::ready, changed.wait_for(testsupport::kWait))
       << "getDataOnChange never returned";
   EXPECT_GE(changed.get().toInt(), 100);
-  auto svc = registerFakeService(broker, "Svc", {"a", "b"});
+  auto svc = fakeService("Svc", {"a", "b"});
   m.addMapping("Svc", "a", "SvcA");
   m.addMapping("Svc", std::map<std::string, std::string>{{"b", "SvcB"}});
   EXPECT_EQ(2u, svc->connections("a") + svc->connections("b"));

@@ -68,10 +68,6 @@ TEST_F(DispatchTest, EveryRaiseCallsBackWithKeyValueAndMessage) {
   auto got = r->items();
   EXPECT_EQ("onEvent m [1, \"a\"] \"micro message\"", got[0].str());
   EXPECT_EQ("onOther e 2 \"\"", got[2].str()) << "the 3-argument subscribeToEvent sends an empty message";
-  for (auto& other : {a, c}) {
-    drain(other);
-    EXPECT_EQ((Names{"e=2", "e=2"}), other->keyValues()) << other->getName();
-  }
 }
 
 // A failed look-up keeps the record (the module may come later); a failed post to a module found before drops
@@ -275,7 +271,6 @@ bool freeElsewhere(M& m, bool shared = false) {
 
 TEST(MemoryLocksTest, RecursiveHolderReentersSharedWritersExcludeAndAreNotStarved) {
   RX::CompactRecursiveMutex r;
-  EXPECT_TRUE(freeElsewhere(r)) << "a fresh mutex is free";
   r.lock();
   ASSERT_TRUE(r.try_lock()) << "the holder takes it again";
   r.lock();

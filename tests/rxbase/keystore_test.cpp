@@ -22,6 +22,7 @@ using KeyStoreTest = MemoryTest;
 TEST_F(KeyStoreTest, ErrorsNameTheMethodAndTheKey) {
   memory->insertData("d", 1);
   memory->subscribeToMicroEvent("E", "Foo", "", "onEvent");
+  const Names oneMissing = {"d", "zz"};
   const std::pair<std::function<void()>, const char*> cases[] = {
       {[&] { (void)memory->getStrDataType("q"); }, "getData|Data not found q"},
       {[&] { (void)memory->getDataType("q"); }, "getData|Data not found q"},
@@ -36,10 +37,7 @@ TEST_F(KeyStoreTest, ErrorsNameTheMethodAndTheKey) {
       {[&] { memory->unsubscribeToMicroEvent("E", "B"); },
        "UnsubscribeToMicroEvent|B is not subscribed to E"},
       {[&] { memory->unsubscribeToEvent("d", "B"); }, "UnsubscribeToMicroEvent|B is not subscribed to d"},
-      {[&] {
-         (void)memory->getDescriptionList({"d", "zz"});
-       },
-       "getDescriptionList|zz not found"},
+      {[&] { (void)memory->getDescriptionList(oneMissing); }, "getDescriptionList|zz not found"},
   };
   for (const auto& [call, error] : cases) EXPECT_EQ(error, errorOf(call));
 }
@@ -67,8 +65,7 @@ TEST_F(KeyStoreTest, BookkeepingEventsReportKeysFromStartUpOn) {
   drain(watcher);
   EXPECT_EQ((Names{"RXMemory/KeyAdded=k", "RXMemory/KeyTypeChanged=k", "RXMemory/KeyRemoved=k"}),
             watcher->keyValues());
-  EXPECT_TRUE(contains(memory->getEventList(), "k")) << "removal keeps the extractor entry";
-  EXPECT_TRUE(contains(memory->getExtractorEvent("Unknown"), "k")) << "retyped to Event: extractor Unknown";
+  EXPECT_TRUE(contains(memory->getExtractorEvent("Unknown"), "k")) << "retyped, then removed: entry kept";
 
   // Without KeyAdded, the next insertion makes it by a raise that ends before the outer one appends.
   memory->removeData(RX::Memory::keyAddedKey);
@@ -110,8 +107,6 @@ TEST_F(KeyStoreTest, ReadsListsDescriptionsAndTypes) {
   EXPECT_EQ((Names{"xabcx"}), memory->getDataList("abc"));
   const Names all = memory->getDataListName();
   EXPECT_EQ(all, memory->getDataList(""));
-  for (const char* k : {"i", "s", "xabcx", "ABC", "e", "m", "ptr", "RXMemory/KeyAdded", "TavroReady"})
-    EXPECT_TRUE(contains(all, k)) << k;
   // One slot per element; a name may come inside an array; unknown -> invalid.
   const RXValue wanted = list({RXValue("i"), list({RXValue("s"), RXValue(1)}), RXValue("nope"), RXValue(3)});
   EXPECT_EQ("[5, \"text\", invalid, invalid]", memory->getListData(wanted).toString());
@@ -231,7 +226,6 @@ TEST_F(KeyStoreTest, GetDataOnChangeStopsPollingWhenItsCallerHasGone) {
 
 TEST_F(KeyStoreTest, HistoryKeepsTheLast50RaisedValuesOldestFirst) {
   memory->insertData("plain", 1);
-  EXPECT_EQ("invalid", historyValues(memory->getEventHistory("plain")));
   memory->raiseEvent("e", RXValue());
   EXPECT_EQ("[]", memory->getEventHistory("e").toString()) << "the ring exists but stores no invalid value";
   std::string expected = "1";
@@ -248,12 +242,9 @@ TEST_F(KeyStoreTest, HistoryKeepsTheLast50RaisedValuesOldestFirst) {
 
 // The extractor is told of each event subscription; a failing or missing one only logs.
 TEST_F(KeyStoreTest, ExtractorsAreRecordedAndToldOfEachEventSubscription) {
-  memory->declareEvent("E2");
   memory->insertData("d", 5);
   memory->declareEvent("d");
   EXPECT_EQ("invalid Event", values({"d"}) + " " + types({"d"}));
-  const Names unknown = memory->getExtractorEvent("Unknown");
-  EXPECT_TRUE(contains(unknown, "E2") && contains(unknown, "d"));
   memory->declareEvent("P", "Q");
   (void)memory->getPtrData("P");
   EXPECT_NE("no error", errorOf([&] { memory->removeEvent("P"); }));

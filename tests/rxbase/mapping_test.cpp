@@ -39,7 +39,7 @@ TEST_F(MapFileTest, MissingFileOnlyWarnsAndLinesAreParsedOneByOne) {
   EXPECT_EQ("warning: Can't not open file rxmemory_map_signal_event.txt", log.items().at(0));
   EXPECT_EQ((Names{"RXMemory/KeyAdded", "RXMemory/KeyRemoved", "RXMemory/KeyTypeChanged"}),
             memory->getEventList());
-  EXPECT_EQ(0u, registerFakeService(broker, "Battery", {"levelChanged"})->connections("levelChanged"));
+  EXPECT_EQ(0u, fakeService("Battery", {"levelChanged"})->connections("levelChanged"));
 
   auto parse = [&](const std::string& line) {
     std::string service, signal, event;
@@ -71,8 +71,8 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) 
   const std::string longEvent(511 - std::string("Long.signalChanged:").size(), 'E');
   std::map<std::string, std::shared_ptr<FakeService>> services;
   for (const char* name : {"Battery", "AudioMixer", "Long", "Split"})
-    services[name] = registerFakeService(broker, name, {"signalChanged"});
-  auto localization = registerFakeService(broker, "Localization", {"up"});
+    services[name] = fakeService(name, {"signalChanged"});
+  auto localization = fakeService("Localization", {"up"});
   const std::size_t listenersBefore = registrationListeners();
   startMemoryWithMap(
       "# services of the test robot\nBattery.signalChanged: BatteryLevel # from the battery service\n"
@@ -101,7 +101,7 @@ TEST_F(MapFileTest, ServicesPresentAtLoadAreConnectedTwiceUntilTheModuleIsGone) 
   memory.reset();
   ASSERT_TRUE(weak.expired()) << "something still holds the module";
   EXPECT_EQ(listenersBefore, registrationListeners());
-  EXPECT_EQ(0u, registerFakeService(broker, "Ghost", {"ghostSignal"})->connections("ghostSignal"));
+  EXPECT_EQ(0u, fakeService("Ghost", {"ghostSignal"})->connections("ghostSignal"));
   EXPECT_NO_THROW(services["Battery"]->emit("signalChanged", RXValue(1)));
 }
 
@@ -144,15 +144,15 @@ TEST_F(MappingTest, MappingsAddedAtRunTime) {
   EXPECT_EQ("5 5", values({"LaterEvent", "LaterEvent2"}));
 
   // A registered service without the signal, and an unmapped service.
-  auto other = registerFakeService(broker, "NoSig", {"other"});
+  auto other = fakeService("NoSig", {"other"});
   memory->addMapping("NoSig", "sig", "NoSigEvent");
   EXPECT_EQ(0u, other->connections("other"));
   const Names eventsBefore = memory->getEventList();
-  registerFakeService(broker, "Unmapped", {"sig"});
+  fakeService("Unmapped", {"sig"});
   EXPECT_EQ(eventsBefore, memory->getEventList());
   EXPECT_FALSE(contains(eventsBefore, "NoSigEvent"));
   // The map form, declared in ascending order of signal name.
-  auto multi = registerFakeService(broker, "Multi", {"a", "b"});
+  auto multi = fakeService("Multi", {"a", "b"});
   memory->addMapping("Multi", SignalEvents{{"b", "MultiB"}, {"a", "MultiA"}});
   memory->addMapping("Multi", SignalEvents{});
   EXPECT_EQ(2u, multi->connections("a") + multi->connections("b"));

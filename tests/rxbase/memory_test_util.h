@@ -89,13 +89,6 @@ class FakeService : public mz::DynamicObject {
   std::map<std::string, std::unique_ptr<mz::SignalF<void(mz::AnyValue)>>> signals_;
 };
 
-inline std::shared_ptr<FakeService> registerFakeService(const boost::shared_ptr<RX::RXBroker>& broker,
-                                                        const std::string& name, const Names& signalNames) {
-  auto service = std::make_shared<FakeService>(signalNames);
-  broker->session()->registerService(name, mz::AnyObject(service));
-  return service;
-}
-
 template <typename M, typename... Args>
 boost::shared_ptr<M> startModule(boost::shared_ptr<RX::RXBroker> broker, const S& name, Args... args) {
   auto module = boost::make_shared<M>(broker, name, args...);
@@ -161,6 +154,11 @@ class MemoryTest : public ::testing::Test {
   void TearDown() override {
     memory.reset();
     broker->shutdown();
+  }
+  std::shared_ptr<FakeService> fakeService(const S& name, const Names& signalNames) {
+    auto service = std::make_shared<FakeService>(signalNames);
+    broker->session()->registerService(name, mz::AnyObject(service));
+    return service;
   }
   // Raises a micro-event r follows and waits for it: posts to one module keep their order.
   void drain(const boost::shared_ptr<Recorder>& r) {
