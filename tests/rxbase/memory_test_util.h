@@ -46,19 +46,17 @@ class Recorder : public RX::RXModule, public testsupport::Collector<Notification
   }
 };
 
-// Answers subscribe/unsubscribe ("subscribe:ID"), throws if kFailing; kNoPrecision lacks getCurrentPrecision.
+// Answers subscribe/unsubscribe ("subscribe:ID") or throws; offers getCurrentPrecision, as extractors do.
 class Extractor : public RX::RXModule, public testsupport::Collector<std::string> {
  public:
-  enum Kind { kNoPrecision, kWorking, kFailing };
-  Extractor(boost::shared_ptr<RX::RXBroker> broker, const S& name, Kind kind)
-      : RXModule(broker, name), kind_(kind) {
+  Extractor(boost::shared_ptr<RX::RXBroker> broker, const S& name, bool failing)
+      : RXModule(broker, name), failing_(failing) {
     for (const char* method : {"subscribe", "unsubscribe"}) {
       functionName(method, name, "Starts or stops generating");
       addParam("subscriberId", "id");
       advertiseMethod(getCurrentMethodDescription(), this,
                       method[0] == 's' ? &Extractor::subscribe : &Extractor::unsubscribe);
     }
-    if (kind == kNoPrecision) return;
     functionName("getCurrentPrecision", name, "Precision");
     advertiseMethod(getCurrentMethodDescription(), this, &Extractor::getCurrentPrecision);
   }
@@ -68,11 +66,10 @@ class Extractor : public RX::RXModule, public testsupport::Collector<std::string
 
  private:
   void call(const std::string& what) {
-    if (kind_ == kFailing)
-      throw std::runtime_error("generator offline for " + what.substr(what.find(':') + 1));
+    if (failing_) throw std::runtime_error("generator offline for " + what.substr(what.find(':') + 1));
     add(what);
   }
-  const Kind kind_;
+  const bool failing_;
 };
 
 // A messaging-layer service with signals of one value, as the ones the memory maps onto events.
@@ -91,13 +88,6 @@ class FakeService : public mz::DynamicObject {
  private:
   std::map<std::string, std::unique_ptr<mz::SignalF<void(mz::AnyValue)>>> signals_;
 };
-
-inline std::shared_ptr<FakeService> registerFakeService(const boost::shared_ptr<RX::RXBroker>& broker,
-                                                        const std::string& name, const Names& signalNames) {
-  auto service = std::make_shared<FakeService>(signalNames);
-  broker->session()->registerService(name, mz::AnyObject(service));
-  return service;
-}
 
 template <typename M, typename... Args>
 boost::shared_ptr<M> startModule(boost::shared_ptr<RX::RXBroker> broker, const S& name, Args... args) {
@@ -164,6 +154,11 @@ class MemoryTest : public ::testing::Test {
   void TearDown() override {
     memory.reset();
     broker->shutdown();
+  }
+  std::shared_ptr<FakeService> fakeService(const S& name, const Names& signalNames) {
+    auto service = std::make_shared<FakeService>(signalNames);
+    broker->session()->registerService(name, mz::AnyObject(service));
+    return service;
   }
   // Raises a micro-event r follows and waits for it: posts to one module keep their order.
   void drain(const boost::shared_ptr<Recorder>& r) {
