@@ -1,8 +1,6 @@
-# Sourced by the Chromium test: tool checks, the broker on free ports,
-# chromedriver with a headless Chromium session, WebDriver commands, and the
-# cleanup of all of it at exit. Every wait is bounded.
+# Sourced by the Chromium test: tool checks, the broker on free ports, chromedriver with a
+# headless Chromium session, WebDriver commands, and their cleanup at exit. Waits are bounded.
 
-# shellcheck source=../support/testlib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../support/testlib.sh"
 chromium_bin=$(command -v chromium || command -v chromium-browser || true)
 [ -n "$chromium_bin" ] || skip "chromium not installed (scripts/install-deps installs it)"

@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# The status pages in headless Chromium through WebDriver, against rxbroker
-# filled by the rxmemory command line: each page's exact security policy, its
-# style applied and no injected script run; the live view sorted, noting, live
-# (within 2 s, flashing, in place) and filtering. Writes a screenshot.
-# Usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]; exits 77
-# (skipped) when Chromium, chromedriver, curl or jq is missing.
+# The status pages in headless Chromium, against rxbroker filled through rxmemory: exact policies,
+# styles applied, injected script not run; the live view sorted, live within 2 s, in place, filtered.
+# Usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]; exits 77 without the tools.
 set -euo pipefail
 
 cli_bin=${2:?usage: render_status_page.sh RXBROKER RXMEMORY [SCREENSHOT.png]}

@@ -1,7 +1,5 @@
-// libFuzzer target for the wire codec (README.md says how to build and run
-// it): arbitrary bytes go to the value decoder and, cut into chunks, to a
-// FrameDecoder. Besides crashes, leaks and undefined behaviour, it checks that
-// whatever decodes re-encodes to bytes that decode to the same encoding again.
+// libFuzzer target (README.md): bytes to the value decoder and, in chunks, to a FrameDecoder;
+// besides crashes, leaks and undefined behaviour, whatever decodes must re-encode stably.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -8,7 +8,6 @@ set -uo pipefail
 build=$(cd "$1" && pwd -P)
 src=$(cd "$2" && pwd -P)
 
-# shellcheck source=../support/testlib.sh
 . "$(dirname "$0")/../support/testlib.sh"
 
 for tool in cmake cpack pkg-config readelf strings dpkg-deb dpkg-shlibdeps dpkg c++ curl; do
@@ -147,9 +146,8 @@ bump 2: 'right' -> Robot/LastBump" "$(cat "$work/reactor.out")"
 fi
 stop_broker
 
-# What the broker logged: every line stamped; the optional map file looked
-# for in the installed data folder; clients that came and went normally
-# leave no warning and no info line.
+# The broker's log: every line stamped; the optional map file looked for in the installed
+# data folder; clients that came and went normally leave no warning and no info line.
 while IFS= read -r line; do
   [[ $line =~ ^[0-9]{4}-[0-9]{2}-[0-9]{2}\ [0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\ \[rx\]\  ]] ||
     fail "log line without its timestamp: $line"

@@ -1,5 +1,4 @@
-# A real rxbroker for the tests, on a Unix socket of a temporary folder (so a
-# restarted broker listens where the first one did).
+# A real rxbroker on a Unix socket in a temporary folder, where a restarted one listens again.
 import os
 import queue
 import subprocess

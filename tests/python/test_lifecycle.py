@@ -39,8 +39,7 @@ def test_session_reconnects_and_remakes_subscriptions(tmp_path):
         broker.stop()
 
 
-# The children find the broker through $RXMEMORY_URL, as rxmemory.connect()
-# does by default.
+# The children find the broker through $RXMEMORY_URL, as rxmemory.connect() does by default.
 def run_child(code, broker):
     return subprocess.Popen([sys.executable, "-c", code], env={**os.environ, "RXMEMORY_URL": broker.url},
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
